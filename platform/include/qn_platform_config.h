@@ -1,0 +1,50 @@
+/* Settings of the platform stand-ins, read once per process from the INI file
+ * named by STOVIG_CONFIG.  Every setting has a default that serves a
+ * stand-alone box, so the file is optional.  Only the stand-ins and their
+ * tools read this; the daemon sees the platform calls alone. */
+#ifndef QN_PLATFORM_CONFIG_H
+#define QN_PLATFORM_CONFIG_H
+
+#include <map>
+#include <string>
+
+struct qn_platform_config {
+    /* [log] */
+    std::string log_file;          /* debug log; empty: <run dir>/stovig.log */
+    long long log_max_size = 10 * 1024 * 1024;
+    int log_max_files = 5;
+    std::string syslog_file;       /* empty: syslog(3); else lines appended here */
+    /* [loop] */
+    int second_ms = 1000;          /* length of one timer second, for tests */
+    /* [bus] */
+    std::string bus_url;           /* empty: embedded store; redis://HOST:PORT */
+    std::string bus_user;
+    std::string bus_password;
+    /* [node] */
+    int devid = 0;
+    int phy_slot = 1;
+    int user_slot = 1;
+    int node_type = 1;             /* device manager node type: 1/2 take part in role election */
+    int role = 1;                  /* role when no role record is on the bus (1 master) */
+    std::string slot_name;         /* empty: "slot<user slot>" */
+    std::string card_name;         /* empty: "box" */
+    /* [cap]: capability values by the last component of their path */
+    std::map<std::string, std::string> cap;
+    /* [cli] */
+    std::string cli_socket;        /* empty: <run dir>/cli.sock */
+    std::string startup_file;      /* empty: <run dir>/startup-config */
+
+    std::string path;              /* the file read, empty when none */
+};
+
+/* The settings, or null when the file named by STOVIG_CONFIG cannot be read
+ * or parsed; the reason (path, line, key) is printed once on stderr. */
+const qn_platform_config *qn_platform_config_get();
+
+/* Forgets the cached settings so that the next call reads the file again. */
+void qn_platform_config_reload();
+
+/* The run directory of this process: $TMPDIR (or /tmp) + "/stovig/". */
+std::string qn_platform_run_dir();
+
+#endif

@@ -1,0 +1,145 @@
+#include "qn_platform_config.h"
+
+#include <ini.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+namespace {
+
+struct parse_state {
+    qn_platform_config *cfg;
+    std::string error;  /* first error, "line N: [section] key: reason" */
+    int line = 0;
+};
+
+bool parse_int(const char *text, long long lo, long long hi, long long *out)
+{
+    char *end = nullptr;
+    errno = 0;
+    long long v = strtoll(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi)
+        return false;
+    *out = v;
+    return true;
+}
+
+/* A setting that the file may hold: where it goes and how it is checked. */
+struct setting {
+    const char *section;
+    const char *key;
+    std::function<const char *(qn_platform_config &, const char *)> apply; /* null or reason */
+};
+
+std::function<const char *(qn_platform_config &, const char *)> str(std::string qn_platform_config::*m)
+{
+    return [m](qn_platform_config &c, const char *v) -> const char * {
+        c.*m = v;
+        return nullptr;
+    };
+}
+
+template <typename T>
+std::function<const char *(qn_platform_config &, const char *)> num(T qn_platform_config::*m, long long lo,
+                                                                    long long hi)
+{
+    return [m, lo, hi](qn_platform_config &c, const char *v) -> const char * {
+        long long n;
+        if (!parse_int(v, lo, hi, &n))
+            return "not a number in range";
+        c.*m = static_cast<T>(n);
+        return nullptr;
+    };
+}
+
+const setting settings[] = {
+    {"log", "file", str(&qn_platform_config::log_file)},
+    {"log", "max_size", num(&qn_platform_config::log_max_size, 4096, LLONG_MAX)},
+    {"log", "max_files", num(&qn_platform_config::log_max_files, 1, 1000)},
+    {"log", "syslog_file", str(&qn_platform_config::syslog_file)},
+    {"loop", "second_ms", num(&qn_platform_config::second_ms, 1, 3600000)},
+    {"bus", "url", str(&qn_platform_config::bus_url)},
+    {"bus", "user", str(&qn_platform_config::bus_user)},
+    {"bus", "password", str(&qn_platform_config::bus_password)},
+    {"node", "devid", num(&qn_platform_config::devid, 0, INT_MAX)},
+    {"node", "phy_slot", num(&qn_platform_config::phy_slot, 0, INT_MAX)},
+    {"node", "user_slot", num(&qn_platform_config::user_slot, 0, INT_MAX)},
+    {"node", "node_type", num(&qn_platform_config::node_type, 0, INT_MAX)},
+    {"node", "role", num(&qn_platform_config::role, 0, 3)},
+    {"node", "slot_name", str(&qn_platform_config::slot_name)},
+    {"node", "card_name", str(&qn_platform_config::card_name)},
+    {"cli", "socket", str(&qn_platform_config::cli_socket)},
+    {"cli", "startup_file", str(&qn_platform_config::startup_file)},
+};
+
+int on_entry(void *user, const char *section, const char *key, const char *value)
+{
+    auto *st = static_cast<parse_state *>(user);
+    if (!st->error.empty())
+        return 1;
+    const char *reason = "unknown key";
+    if (strcmp(section, "cap") == 0) {
+        st->cfg->cap[key] = value;
+        return 1;
+    }
+    for (const setting &s : settings) {
+        if (strcmp(s.section, section) == 0 && strcmp(s.key, key) == 0) {
+            reason = s.apply(*st->cfg, value);
+            if (!reason)
+                return 1;
+            break;
+        }
+    }
+    st->error = std::string("[") + section + "] " + key + ": " + reason + " ('" + value + "')";
+    return 0;
+}
+
+std::unique_ptr<qn_platform_config> cached;
+bool loaded = false;
+
+} // namespace
+
+std::string qn_platform_run_dir()
+{
+    const char *tmp = getenv("TMPDIR");
+    return std::string(tmp ? tmp : "/tmp") + "/stovig/";
+}
+
+void qn_platform_config_reload()
+{
+    cached.reset();
+    loaded = false;
+}
+
+const qn_platform_config *qn_platform_config_get()
+{
+    if (loaded)
+        return cached.get();
+    loaded = true;
+    auto cfg = std::make_unique<qn_platform_config>();
+    const char *path = getenv("STOVIG_CONFIG");
+    if (path && *path) {
+        cfg->path = path;
+        FILE *f = fopen(path, "r");
+        if (!f) {
+            fprintf(stderr, "%s: cannot read config file: %s\n", path, strerror(errno));
+            return nullptr;
+        }
+        parse_state st{cfg.get(), {}};
+        int line = ini_parse_file(f, on_entry, &st);
+        fclose(f);
+        if (line != 0) {
+            if (st.error.empty())
+                st.error = "malformed line";
+            fprintf(stderr, "%s:%d: %s\n", path, line, st.error.c_str());
+            return nullptr;
+        }
+    }
+    cached = std::move(cfg);
+    return cached.get();
+}

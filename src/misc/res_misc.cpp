@@ -1,0 +1,111 @@
+#include "misc/res_misc.h"
+#include "misc/res_zlog.h"
+#include "res_main.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+int res_misc_add_timer(struct qn_thread *slot, qn_thread_func func, int64_t interval, const char *name)
+{
+    if (!func || interval <= 0 || !slot) {
+        RES_ERR("parameter err.");
+        return -1;
+    }
+    if (res_misc_timer_armed(slot)) {
+        RES_WARN("%s thread is already in list.", name);
+        return -ENOENT;
+    }
+    if (qn_thread_insert_timer(res_master, slot, func, nullptr, interval, name) < 0) {
+        RES_ERR("insert %s thread failed.", name);
+        return -ENETDOWN;
+    }
+    return 0;
+}
+
+int res_misc_reset_timer(struct qn_thread *slot, qn_thread_func func, int64_t interval, const char *name)
+{
+    if (!func || interval <= 0 || !slot) {
+        RES_ERR("parameter err.");
+        return -1;
+    }
+    if (res_misc_timer_armed(slot))
+        qn_thread_cancel(slot);
+    if (qn_thread_insert_timer(res_master, slot, func, nullptr, interval, name) < 0) {
+        RES_ERR("insert %s thread failed.", name);
+        return -ENETDOWN;
+    }
+    return 0;
+}
+
+int res_misc_del_timer(struct qn_thread *slot)
+{
+    if (!slot) {
+        RES_ERR("parameter err.");
+        return -1;
+    }
+    if (res_misc_timer_armed(slot))
+        qn_thread_cancel(slot);
+    return 0;
+}
+
+int res_misc_exec_sh(const char *cmd)
+{
+    /* system() must be able to reap its child even when SIGCHLD is ignored. */
+    struct sigaction dfl = {}, old = {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGCHLD, &dfl, &old);
+    int status = system(cmd);
+    sigaction(SIGCHLD, &old, nullptr);
+
+    RES_DBG("%s", cmd);
+    if (status == -1) {
+        RES_ERR("system %s failed, fork failed.", cmd);
+        return -1;
+    }
+    if (WIFEXITED(status)) {
+        if (WEXITSTATUS(status) == 0)
+            return 0;
+        RES_ERR("system %s failed, exit status: %d", cmd, WEXITSTATUS(status));
+        return -WEXITSTATUS(status);
+    }
+    RES_ERR("system %s failed, exit status: %d", cmd, (status >> 8) & 0xff);
+    return -1;
+}
+
+int res_get_field_form_file(const char *path, char *buf, size_t len)
+{
+    if (!path || !buf) {
+        RES_ERR("parameter err.");
+        return -EINVAL;
+    }
+    if (access(path, F_OK) != 0) {
+        RES_ERR("file %s not exist.", path);
+        return -1;
+    }
+    memset(buf, 0, len);
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        int err = errno;
+        RES_ERR("file %s not exist.", path);
+        return -err;
+    }
+    ssize_t n;
+    do {
+        n = read(fd, buf, len);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        int err = errno;
+        RES_ERR("read %s fail! reason:%s", path, strerror(err));
+        close(fd);
+        return -err;
+    }
+    close(fd);
+    return 0;
+}

@@ -1,0 +1,22 @@
+/* Timer slots on the daemon's event loop, shell commands and small-file reads. */
+#ifndef RES_MISC_H
+#define RES_MISC_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "qn_thread.h"
+
+int res_misc_add_timer(struct qn_thread *slot, qn_thread_func func, int64_t interval, const char *name);
+int res_misc_reset_timer(struct qn_thread *slot, qn_thread_func func, int64_t interval, const char *name);
+int res_misc_del_timer(struct qn_thread *slot);
+int res_misc_exec_sh(const char *cmd);
+int res_get_field_form_file(const char *path, char *buf, size_t len);
+
+/* Whether a slot is armed (its scheduled flag). */
+static inline int res_misc_timer_armed(const struct qn_thread *slot)
+{
+    return slot && (slot->state & QN_THREAD_SCHEDULED);
+}
+
+#endif
