@@ -2,7 +2,6 @@
  * "READY=1", the withdrawal "STOPPING=1".  The unit file sets WatchdogSec and
  * Restart, which is what HAM's registrations ask for. */
 #include "qn_ham.h"
-#include "qn_thread_standin.h"
 
 #include <systemd/sd-daemon.h>
 
@@ -55,8 +54,3 @@ int ham_cancel_proc(pid_t)
 }
 
 } // extern "C"
-
-void qn_platform_startup_done(void)
-{
-    notify("READY=1");
-}

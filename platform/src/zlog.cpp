@@ -11,12 +11,16 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 struct qn_zlog_category {
     std::shared_ptr<spdlog::logger> logger;
 };
 
 namespace {
+
+/* Categories live as long as the process, like the library's own. */
+std::vector<std::unique_ptr<qn_zlog_category>> categories;
 
 const char *level_name(int level)
 {
@@ -46,7 +50,8 @@ qn_zlog_category_t *qn_zlog_init(const char *category)
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %v");
         logger->set_level(spdlog::level::trace);
         logger->flush_on(spdlog::level::trace);
-        return new qn_zlog_category{logger};
+        categories.push_back(std::make_unique<qn_zlog_category>(qn_zlog_category{logger}));
+        return categories.back().get();
     } catch (const spdlog::spdlog_ex &e) {
         fprintf(stderr, "zlog category %s: %s\n", category, e.what());
         return nullptr;
