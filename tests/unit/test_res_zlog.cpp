@@ -1,4 +1,6 @@
+#include "misc/res_misc.h"
 #include "misc/res_zlog.h"
+#include "test_loop.h"
 #include "qn_platform_config.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -194,6 +197,36 @@ TEST_F(LogChannels, ZlogLineCarriesLevelFileLineFunctionAndBareMessage)
     EXPECT_NE(std::string::npos, z.find(want)) << z;
     EXPECT_NE(std::string::npos, z.find(" WARN  ")) << z;
     EXPECT_EQ(std::string::npos, z.find("[<TestBody>"));
+}
+
+TEST_F(LogChannels, ModulesAreNamedByTheirPathInTheSourceTree)
+{
+    test_loop_setup();
+    qn_thread slot = {};
+    ASSERT_EQ(0, res_misc_add_timer(&slot, [](qn_thread *) { return 0; }, 5, "RES_X_TIMER"));
+    ASSERT_EQ(-2, res_misc_add_timer(&slot, [](qn_thread *) { return 0; }, 5, "RES_X_TIMER"));
+    res_misc_del_timer(&slot);
+    std::string z = zlog_text();
+    EXPECT_NE(std::string::npos, z.find(" WARN  misc/res_misc.cpp:")) << z;
+    EXPECT_NE(std::string::npos, z.find(" res_misc_add_timer: RES_X_TIMER thread is already in list.")) << z;
+}
+
+TEST_F(LogChannels, KnownRoleSelectsTheExtendedSyslogCall)
+{
+    res_dbg_level = 1;
+    int32_t role = -1;
+    res_zlog_role = &role;
+    RES_ERR("with role");
+    role = 0;
+    RES_ERR("without role");
+    res_zlog_role = nullptr;
+    std::istringstream lines(syslog_text());
+    std::string with, without, l;
+    while (std::getline(lines, l))
+        (l.find("without role") != std::string::npos ? without : with) = l;
+    EXPECT_NE(std::string::npos, with.find("qn-stovig[" + std::to_string(getpid()) + "]: [ext] %STOVIG-7-DEBUG: "))
+        << with;
+    EXPECT_NE(std::string::npos, without.find("]: %STOVIG-7-DEBUG: [<TestBody>:<")) << without;
 }
 
 TEST_F(LogChannels, TraceGoesToSyslogOnlyAtFive)
