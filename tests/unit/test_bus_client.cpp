@@ -2,6 +2,7 @@
  * private redis-server. */
 #include "test_bus_redis.h"
 #include "test_loop.h"
+#include "test_mom_helpers.h"
 
 #include "proto/p_dev.pb-c.h"
 #include "proto/p_utils.pb-c.h"
@@ -74,17 +75,6 @@ struct recorder {
     }
 };
 
-/* Runs the loop until pred() holds or `ms` milliseconds have passed. */
-bool run_until(const std::function<bool()> &pred, int ms = 3000)
-{
-    for (int waited = 0; waited < ms; waited += 20) {
-        if (pred())
-            return true;
-        test_loop_run(2); /* 20 ms */
-    }
-    return pred();
-}
-
 struct io_record {
     PUtils__StovigIo io = P_UTILS__STOVIG_IO__INIT;
     PUtils__Nodeindex idx = P_UTILS__NODEINDEX__INIT;
@@ -113,27 +103,6 @@ struct card_record {
         card.is_online = online;
     }
     const ProtobufCMessage *msg() const { return &card.base; }
-};
-
-/* Writes a config file and points STOVIG_CONFIG at it for one test. */
-struct config_file {
-    std::string path;
-    explicit config_file(const std::string &text)
-    {
-        char tmpl[] = "/tmp/stovig-bus-cfg-XXXXXX";
-        int fd = mkstemp(tmpl);
-        close(fd);
-        path = tmpl;
-        std::ofstream(path) << text;
-        setenv("STOVIG_CONFIG", path.c_str(), 1);
-        qn_platform_config_reload();
-    }
-    ~config_file()
-    {
-        unsetenv("STOVIG_CONFIG");
-        qn_platform_config_reload();
-        unlink(path.c_str());
-    }
 };
 
 struct EmbeddedBus {

@@ -1,0 +1,330 @@
+/* Per-node store. */
+#include "mom/res_mom_data.h"
+#include "misc/res_zlog.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+struct res_mom_node res_local_node;
+struct res_list_head res_node_list = {&res_node_list, &res_node_list};
+
+namespace {
+
+bool res_mom_data_ready = false;
+
+void res_mom_node_lists_init(struct res_mom_node *node)
+{
+    res_list_init(&node->disk_io_list);
+    res_list_init(&node->proc_io_list);
+    res_list_init(&node->part_list);
+    res_list_init(&node->lifetime_list);
+}
+
+void res_mom_node_lists_clear(struct res_mom_node *node)
+{
+    res_mom_clear_proc_io_list(&node->proc_io_list);
+    res_mom_clear_disk_io_list(&node->disk_io_list);
+    res_mom_clear_part_list(&node->part_list);
+    res_mom_clear_lifetime_list(&node->lifetime_list);
+}
+
+bool res_mom_same_index(const struct res_mom_node *node, const int32_t *index)
+{
+    return memcmp(&node->devid, index, 3 * sizeof(int32_t)) == 0;
+}
+
+/* Whether a stored key (NUL-terminated) is exactly `length` characters of name. */
+bool res_mom_key_match(const char *stored, const char *name, int length)
+{
+    return strlen(stored) == static_cast<size_t>(length) && strncmp(stored, name, static_cast<size_t>(length)) == 0;
+}
+
+void res_mom_copy_key(char *dst, size_t size, const char *name, int length)
+{
+    size_t n = static_cast<size_t>(length) < size - 1 ? static_cast<size_t>(length) : size - 1;
+    memcpy(dst, name, n);
+    dst[n] = '\0';
+}
+
+} // namespace
+
+int res_mom_data_init(void)
+{
+    if (res_mom_data_ready) {
+        /* Set up again: drop whatever the store held. */
+        struct res_list_head *pos, *n;
+        res_list_for_each_safe(pos, n, &res_node_list)
+        {
+            struct res_mom_node *node = res_list_entry(pos, struct res_mom_node, list);
+            if (node == &res_local_node)
+                continue;
+            res_list_del(&node->list);
+            res_mom_node_lists_clear(node);
+            free(node);
+        }
+        res_mom_node_lists_clear(&res_local_node);
+    }
+    memset(&res_local_node, 0, sizeof res_local_node);
+    res_local_node.devid = -1;
+    res_local_node.slotid = -1;
+    res_local_node.sslotid = -1;
+    res_local_node.user_slot = -1;
+    res_local_node.role = -1;
+    res_mom_node_lists_init(&res_local_node);
+    res_list_init(&res_node_list);
+    res_list_add_tail(&res_local_node.list, &res_node_list);
+    /* Diagnostics pick the syslog call by the local role. */
+    res_zlog_role = &res_local_node.role;
+    res_mom_data_ready = true;
+    return 0;
+}
+
+struct res_mom_node *res_mom_malloc_node_init(void)
+{
+    auto *node = static_cast<struct res_mom_node *>(calloc(1, sizeof(struct res_mom_node)));
+    if (!node) {
+        RES_ERR("malloc failed.");
+        return nullptr;
+    }
+    node->devid = -1;
+    node->slotid = -1;
+    node->sslotid = -1;
+    node->user_slot = -1;
+    node->role = -1;
+    res_mom_node_lists_init(node);
+    return node;
+}
+
+int res_mom_add_node_info_list(struct res_mom_node *node)
+{
+    if (res_node_list.next == &res_local_node.list && res_local_node.list.next == &res_node_list) {
+        res_list_add_tail(&node->list, &res_node_list);
+        RES_DBG("only master node exist, add tail.");
+        return 0;
+    }
+    /* The local node stays first and is never compared. */
+    for (struct res_list_head *pos = res_node_list.next->next; pos != &res_node_list; pos = pos->next) {
+        struct res_mom_node *cur = res_list_entry(pos, struct res_mom_node, list);
+        if (cur->user_slot >= node->user_slot) {
+            res_list_insert(&node->list, pos->prev, pos);
+            RES_DBG("add new[%p] between [%p] and [%p]", static_cast<void *>(&node->list),
+                    static_cast<void *>(node->list.prev), static_cast<void *>(pos));
+            return 0;
+        }
+    }
+    res_list_add_tail(&node->list, &res_node_list);
+    RES_DBG("loop to list tail, add tail.");
+    return 0;
+}
+
+struct res_mom_node *res_mom_get_node_by_index2(const int32_t *index)
+{
+    if (!index)
+        return nullptr;
+    RES_VERBOSE("try to get device[%d, %d, %d] in local_list.", index[0], index[1], index[2]);
+    for (struct res_list_head *pos = res_node_list.next; pos != &res_node_list; pos = pos->next) {
+        struct res_mom_node *node = res_list_entry(pos, struct res_mom_node, list);
+        if (res_mom_same_index(node, index)) {
+            RES_VERBOSE("in local_list.");
+            return node;
+        }
+    }
+    RES_VERBOSE("not in local_list.");
+    return nullptr;
+}
+
+struct res_mom_node *res_mom_get_node_by_index(const PUtils__Nodeindex *index)
+{
+    if (!index)
+        return nullptr;
+    const int32_t idx[3] = {index->t_devid, index->t_slotid, index->t_sslotid};
+    return res_mom_get_node_by_index2(idx);
+}
+
+int res_mom_clear_node_by_index(const int32_t *index)
+{
+    if (!index)
+        return 0;
+    if (res_mom_same_index(&res_local_node, index)) {
+        /* The local node is never removed. */
+        RES_DBG("remove node[%d,%d,%d] from list.", index[0], index[1], index[2]);
+        return 0;
+    }
+    struct res_mom_node *node = nullptr;
+    for (struct res_list_head *pos = res_node_list.next; pos != &res_node_list; pos = pos->next) {
+        struct res_mom_node *cur = res_list_entry(pos, struct res_mom_node, list);
+        if (res_mom_same_index(cur, index)) {
+            node = cur;
+            break;
+        }
+    }
+    if (!node)
+        return 0;
+    RES_DBG("remove node[%d,%d,%d] from list.", index[0], index[1], index[2]);
+    res_list_del(&node->list);
+    res_mom_node_lists_clear(node);
+    free(node);
+    return 0;
+}
+
+struct res_mom_disk_io_node *res_mom_get_disk_io_node_by_name(struct res_list_head *list, const char *name,
+                                                              int length)
+{
+    if (!list || !name || length < 0) {
+        RES_ERR("param null.");
+        return nullptr;
+    }
+    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
+        auto *e = res_list_entry(pos, struct res_mom_disk_io_node, list);
+        if (res_mom_key_match(e->disk_name, name, length))
+            return e;
+    }
+    auto *e = static_cast<struct res_mom_disk_io_node *>(calloc(1, sizeof(struct res_mom_disk_io_node)));
+    if (!e) {
+        RES_ERR("malloc node failed.");
+        return nullptr;
+    }
+    res_mom_copy_key(e->disk_name, sizeof e->disk_name, name, length);
+    res_list_add_tail(&e->list, list);
+    return e;
+}
+
+struct res_mom_lifetime_node *res_mom_get_lifetime_node_by_name(struct res_list_head *list, const char *name,
+                                                               int length)
+{
+    if (!list || !name || length < 0) {
+        RES_ERR("param null.");
+        return nullptr;
+    }
+    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
+        auto *e = res_list_entry(pos, struct res_mom_lifetime_node, list);
+        if (res_mom_key_match(e->disk_name, name, length))
+            return e;
+    }
+    auto *e = static_cast<struct res_mom_lifetime_node *>(calloc(1, sizeof(struct res_mom_lifetime_node)));
+    if (!e) {
+        RES_ERR("malloc node failed.");
+        return nullptr;
+    }
+    res_mom_copy_key(e->disk_name, sizeof e->disk_name, name, length);
+    res_list_add_tail(&e->list, list);
+    return e;
+}
+
+struct res_mom_part_node *res_mom_get_part_node_by_path(struct res_list_head *list, const char *path, int length)
+{
+    if (!list || !path || length < 0) {
+        RES_ERR("param null.");
+        return nullptr;
+    }
+    if (length == 0)
+        return nullptr;
+    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
+        auto *e = res_list_entry(pos, struct res_mom_part_node, list);
+        if (res_mom_key_match(e->part_path, path, length))
+            return e;
+    }
+    auto *e = static_cast<struct res_mom_part_node *>(calloc(1, sizeof(struct res_mom_part_node)));
+    if (!e) {
+        RES_ERR("malloc node failed.");
+        return nullptr;
+    }
+    res_mom_copy_key(e->part_path, sizeof e->part_path, path, length);
+    res_list_add_tail(&e->list, list);
+    return e;
+}
+
+int res_mom_add_node_disk_io_list(const struct res_mom_disk_io_node *entry, struct res_list_head *list)
+{
+    if (!entry || !list)
+        return -1;
+    auto *e = static_cast<struct res_mom_disk_io_node *>(malloc(sizeof(struct res_mom_disk_io_node)));
+    if (!e) {
+        RES_ERR("malloc failed.");
+        return -1;
+    }
+    memcpy(e, entry, sizeof *e);
+    res_list_add_tail(&e->list, list);
+    return 0;
+}
+
+int res_mom_add_node_proc_io_list(const struct res_mom_proc_io_node *entry, struct res_list_head *list)
+{
+    if (!entry || !list)
+        return -1;
+    auto *e = static_cast<struct res_mom_proc_io_node *>(malloc(sizeof(struct res_mom_proc_io_node)));
+    if (!e) {
+        RES_ERR("malloc failed.");
+        return -1;
+    }
+    memcpy(e, entry, sizeof *e);
+    res_list_add_tail(&e->list, list);
+    return 0;
+}
+
+int res_mom_add_node_disk_lft_list(const struct res_mom_lifetime_node *entry, struct res_list_head *list)
+{
+    if (!entry || !list)
+        return -1;
+    size_t len = strlen(entry->disk_name);
+    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
+        auto *e = res_list_entry(pos, struct res_mom_lifetime_node, list);
+        if (strlen(e->disk_name) == len && strncmp(e->disk_name, entry->disk_name, len) == 0) {
+            /* Overwrite the data, keep the entry's place in the list. */
+            struct res_list_head keep = e->list;
+            memcpy(e, entry, sizeof *e);
+            e->list = keep;
+            RES_DBG("pos->left_lifetime :%llu", static_cast<unsigned long long>(e->left_lifetime));
+            return 0;
+        }
+    }
+    auto *e = static_cast<struct res_mom_lifetime_node *>(malloc(sizeof(struct res_mom_lifetime_node)));
+    if (!e) {
+        RES_ERR("malloc failed.");
+        return -1;
+    }
+    memcpy(e, entry, sizeof *e);
+    res_list_add_tail(&e->list, list);
+    return 0;
+}
+
+int res_mom_add_node_part_list(const int32_t *index, struct res_mom_part_node *entry)
+{
+    if (res_list_empty(&res_node_list))
+        return -EINTR;
+    struct res_mom_node *node = res_mom_get_node_by_index2(index);
+    if (!node)
+        return -ESRCH;
+    for (struct res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
+        auto *e = res_list_entry(pos, struct res_mom_part_node, list);
+        if (strncmp(e->part_path, entry->part_path, RES_MOM_PATH_LEN) == 0) {
+            struct res_list_head keep = e->list;
+            memcpy(e, entry, sizeof *e);
+            e->list = keep;
+            return 0;
+        }
+    }
+    res_list_add_tail(&entry->list, &node->part_list);
+    return 0;
+}
+
+#define RES_MOM_CLEAR_LIST(fn, type)                                   \
+    int fn(struct res_list_head *list)                                 \
+    {                                                                  \
+        if (!list)                                                     \
+            return 0;                                                  \
+        struct res_list_head *pos, *n;                                 \
+        res_list_for_each_safe(pos, n, list)                           \
+        {                                                              \
+            res_list_del(pos);                                         \
+            free(res_list_entry(pos, type, list));                     \
+        }                                                              \
+        res_list_init(list);                                           \
+        return 0;                                                      \
+    }
+
+RES_MOM_CLEAR_LIST(res_mom_clear_disk_io_list, struct res_mom_disk_io_node)
+RES_MOM_CLEAR_LIST(res_mom_clear_proc_io_list, struct res_mom_proc_io_node)
+RES_MOM_CLEAR_LIST(res_mom_clear_part_list, struct res_mom_part_node)
+RES_MOM_CLEAR_LIST(res_mom_clear_lifetime_list, struct res_mom_lifetime_node)
