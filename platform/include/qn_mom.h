@@ -79,7 +79,9 @@ typedef int (*qn_mom_reconnect_cb_t)(qn_mom_client_t *client, uint32_t db, int t
  * cannot be read or the bus url is not understood (reason on stderr). */
 qn_mom_client_t *qn_mom_client_init(const char *module, struct qn_thread_master *master);
 /* Asks for database `db`; `cb` runs once the database is usable.  0, or
- * negative for a bad argument. */
+ * negative for a bad argument.  Once one database is connected and the link
+ * is up, the calls below reach any database number; before that they return
+ * QN_MOM_ERR_NOTCONN. */
 int qn_mom_client_connect(qn_mom_client_t *client, uint32_t db, qn_mom_connect_cb_t cb, void *ctx);
 int qn_mom_client_set_reconnect_cb(qn_mom_client_t *client, uint32_t db, qn_mom_reconnect_cb_t cb);
 

@@ -232,7 +232,7 @@ int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pa
 {
     if (!c || !pattern || !pattern->descriptor || !cb || (nfields && !fields))
         return QN_MOM_ERR_PARAM;
-    if (!c->connects.count(db))
+    if (c->connects.empty())
         return QN_MOM_ERR_NOTCONN;
     subscription s;
     s.id = c->next_sub_id++;
@@ -251,9 +251,11 @@ int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pa
 
 } // namespace
 
-bool qn_mom_client::db_ready(uint32_t db) const
+/* Any database is reachable once the client has connected one and the link
+ * is up: a daemon may read a database it never asked a connect callback for. */
+bool qn_mom_client::db_ready(uint32_t) const
 {
-    return connects.count(db) && transport && transport->up();
+    return !connects.empty() && transport && transport->up();
 }
 
 void qn_mom_client::announce_connects()
@@ -293,7 +295,6 @@ void qn_mom_client::transport_change(char op, const std::string &key, const std:
     std::string full_name;
     if (!mom_key_split(key, &db, &full_name))
         return;
-    /* Copy: a callback cannot run here, but keep the walk independent anyway. */
     std::vector<subscription> matching;
     for (const subscription &s : subs) {
         if (s.db != db || full_name != s.desc->name)

@@ -214,18 +214,26 @@ TYPED_TEST(BusClientTest, ConnectCallbackRunsAsLoopTaskNotInsideTheCall)
     EXPECT_EQ(dbs, (std::vector<uint32_t>{QN_MOM_TUNNER_DB, QN_MOM_MONITOR_DB}));
 }
 
-TYPED_TEST(BusClientTest, CallsOnUnconnectedDatabaseOrWithoutKeyAreRefused)
+TYPED_TEST(BusClientTest, CallsBeforeAnyConnectOrWithoutKeyAreRefused)
 {
-    qn_mom_client_t *c = this->connected(QN_MOM_MONITOR_DB);
+    qn_mom_client_t *fresh = qn_mom_client_init("TEST", res_master);
+    ASSERT_NE(fresh, nullptr);
+    this->clients.push_back(fresh);
     io_record rec(0, 1, "sda");
-    EXPECT_EQ(qn_mom_set(c, QN_MOM_DEV_DB, rec.msg(), 0, 0), QN_MOM_ERR_NOTCONN);
     recorder r;
-    EXPECT_EQ(qn_mom_scan(c, QN_MOM_DEV_DB, rec.msg(), 0, recorder::cb, &r), QN_MOM_ERR_NOTCONN);
-    EXPECT_EQ(qn_mom_subscribe(c, QN_MOM_DEV_DB, rec.msg(), 0, recorder::cb, &r), QN_MOM_ERR_NOTCONN);
+    EXPECT_EQ(qn_mom_set(fresh, QN_MOM_MONITOR_DB, rec.msg(), 0, 0), QN_MOM_ERR_NOTCONN);
+    EXPECT_EQ(qn_mom_scan(fresh, QN_MOM_MONITOR_DB, rec.msg(), 0, recorder::cb, &r), QN_MOM_ERR_NOTCONN);
+    EXPECT_EQ(qn_mom_subscribe(fresh, QN_MOM_MONITOR_DB, rec.msg(), 0, recorder::cb, &r), QN_MOM_ERR_NOTCONN);
+
+    qn_mom_client_t *c = this->connected(QN_MOM_MONITOR_DB);
     PUtils__StovigIo no_index = P_UTILS__STOVIG_IO__INIT;
     EXPECT_EQ(qn_mom_set(c, QN_MOM_MONITOR_DB, &no_index.base, 0, 0), QN_MOM_ERR_PARAM);
     EXPECT_EQ(qn_mom_del(c, QN_MOM_MONITOR_DB, &no_index.base, 0, 0), QN_MOM_ERR_PARAM);
     EXPECT_EQ(qn_mom_set(nullptr, QN_MOM_MONITOR_DB, rec.msg(), 0, 0), QN_MOM_ERR_PARAM);
+    /* A database never connected by callback is still reachable (upgrade state in 3). */
+    EXPECT_EQ(qn_mom_set(c, 3, rec.msg(), 0, 0), 0);
+    test_loop_run(2);
+    EXPECT_TRUE(r.got.empty());
 }
 
 TYPED_TEST(BusClientTest, TwoSetsOfOneNodeLeaveOneRecordTheLater)
