@@ -1,0 +1,84 @@
+/* Capability service stand-in: answers from the [cap] section of the
+ * platform config, keyed by the last component of the capability path.
+ * Without a value the device type is "BOX" and every other path is absent. */
+#include "qn_cap.h"
+#include "qn_platform_config.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+/* 0 and the configured value of a path; -ENOENT when it has none. */
+int cap_lookup(const char *path, std::string *out)
+{
+    if (!path || !*path)
+        return -EINVAL;
+    const char *slash = strrchr(path, '/');
+    std::string key = slash ? slash + 1 : path;
+    const qn_platform_config *cfg = qn_platform_config_get();
+    if (!cfg)
+        return -ENOTCONN; /* no readable configuration: the service is down */
+    auto it = cfg->cap.find(key);
+    if (it != cfg->cap.end()) {
+        *out = it->second;
+        return 0;
+    }
+    if (key == "CAP_DEV_TYPE") {
+        *out = "BOX";
+        return 0;
+    }
+    return -ENOENT;
+}
+
+} // namespace
+
+extern "C" {
+
+int libqn_cap_init(qn_mom_client_t *client, const char *module)
+{
+    if (!client || !module || !*module)
+        return -EINVAL;
+    return 0;
+}
+
+int libqn_cap_get_capacity_int32(qn_mom_client_t *client, const char *path, int32_t *value)
+{
+    if (!client || !value)
+        return -EINVAL;
+    std::string text;
+    int ret = cap_lookup(path, &text);
+    if (ret != 0)
+        return ret;
+    char *end = nullptr;
+    errno = 0;
+    long long v = strtoll(text.c_str(), &end, 0);
+    if (errno != 0 || end == text.c_str() || *end != '\0' || v < INT32_MIN || v > INT32_MAX)
+        return -EINVAL;
+    *value = static_cast<int32_t>(v);
+    return 0;
+}
+
+int libqn_cap_get_capacity_str(qn_mom_client_t *client, const char *path, char *buf, uint32_t size, uint32_t *len)
+{
+    if (!client || !buf || size == 0)
+        return -EINVAL;
+    std::string text;
+    int ret = cap_lookup(path, &text);
+    if (ret != 0) {
+        if (len)
+            *len = 0;
+        return ret;
+    }
+    size_t n = text.size() < size - 1 ? text.size() : size - 1;
+    memcpy(buf, text.data(), n);
+    buf[n] = '\0';
+    if (len)
+        *len = static_cast<uint32_t>(n);
+    return 0;
+}
+
+} // extern "C"
