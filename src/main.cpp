@@ -3,6 +3,7 @@
  * runs the loop until nothing can be delivered any more. */
 #include "misc/res_ham.h"
 #include "misc/res_zlog.h"
+#include "mon/res_mon_main.h"
 #include "res_main.h"
 
 #include "qn_ham.h"
@@ -126,6 +127,13 @@ int main(void)
         RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init debug failed.");
 
     RES_DBG("process begin");
+
+    res_disk_type = res_get_disk_type();
+    ret = res_mon_init(res_disk_type);
+    if (ret != 0) {
+        RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init monitor parameter failed.");
+        return res_exit(pid_fd, ret);
+    }
 
     ret = res_misc_ham_feed_loop();
     if (ret != 0) {

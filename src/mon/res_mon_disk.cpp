@@ -1,0 +1,362 @@
+#include "mon/res_mon_disk.h"
+
+#include "misc/res_misc.h"
+#include "misc/res_path.h"
+#include "misc/res_zlog.h"
+#include "mon/res_mon_main.h"
+#include "res_main.h"
+
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+struct res_disk_info_t res_disk_info[RES_DISK_INFO_NUM];
+struct res_ssd_smart_info res_ssd_smart;
+char res_ssd_dev_path[RES_DEV_PATH_LEN];
+
+namespace {
+
+/* EXT_CSD life-time estimate (1..11) to wear percentage: the middle of the
+ * 10 % band that the estimate names. */
+const struct {
+    int estimate;
+    int wear;
+} res_emmc_wear_table[] = {
+    {1, 5}, {2, 15}, {3, 25}, {4, 35}, {5, 45}, {6, 55}, {7, 65}, {8, 75}, {9, 85}, {10, 95}, {11, 105},
+};
+
+/* Offsets in the EXT_CSD dump (two hex digits per register byte) of
+ * DEVICE_LIFE_TIME_EST_TYP_A (byte 268) and _TYP_B (byte 269). */
+constexpr size_t RES_CSD_TYP_A = 536;
+constexpr size_t RES_CSD_TYP_B = 538;
+
+/* Erase budget numerator per capacity in gigabytes. */
+uint64_t res_ssd_budget(uint64_t capacity)
+{
+    switch (capacity) {
+    case 32: return 26214400ULL;
+    case 64: return 52428800ULL;
+    case 128: return 104857600ULL;
+    case 256: return 209715200ULL;
+    default: return 0;
+    }
+}
+
+/* Reads one line of at most len - 1 bytes; a longer line is consumed whole
+ * and returned cut.  False at end of file. */
+bool res_disk_read_line(FILE *fp, char *buf, size_t len)
+{
+    if (!fgets(buf, static_cast<int>(len), fp))
+        return false;
+    size_t n = strlen(buf);
+    if (n > 0 && buf[n - 1] != '\n' && !feof(fp)) {
+        int c;
+        while ((c = fgetc(fp)) != EOF && c != '\n') {
+        }
+    }
+    return true;
+}
+
+/* The n-th (1-based) whitespace-separated word of a line, at most len - 1
+ * characters; false when the line has fewer words. */
+bool res_word(const char *line, int n, char *out, size_t len)
+{
+    const char *p = line;
+    for (int i = 1;; ++i) {
+        while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')
+            ++p;
+        if (!*p)
+            return false;
+        const char *start = p;
+        while (*p && *p != ' ' && *p != '\t' && *p != '\n' && *p != '\r')
+            ++p;
+        if (i == n) {
+            size_t w = static_cast<size_t>(p - start);
+            if (w > len - 1)
+                w = len - 1;
+            memcpy(out, start, w);
+            out[w] = '\0';
+            return true;
+        }
+    }
+}
+
+} // namespace
+
+int res_dev_path_safe(const char *path)
+{
+    if (!path || strncmp(path, "/dev/", 5) != 0 || path[5] == '\0')
+        return 0;
+    for (const char *p = path; *p; ++p) {
+        char c = *p;
+        bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '/' ||
+                  c == '_' || c == '.' || c == '-';
+        if (!ok)
+            return 0;
+    }
+    return 1;
+}
+
+uint32_t res_get_uptime(void)
+{
+    char buf[128];
+    memset(buf, 0, sizeof buf);
+    /* One byte short of the buffer so that the text always ends in a NUL. */
+    res_get_field_form_file(res_host_path(RES_POWER_ON_FILE).c_str(), buf, sizeof buf - 1);
+    char field[128] = {0};
+    unsigned long secs = 0;
+    if (sscanf(buf, "%127s", field) == 1)
+        secs = strtoul(field, nullptr, 0);
+    RES_DBG("uptime: %lu", secs);
+    uint32_t months = static_cast<uint32_t>(secs / 2592000UL);
+    return months == 0 ? 1 : months;
+}
+
+int res_get_emmc_abrasion(void)
+{
+    char cmd[128];
+    std::string debugfs = res_host_path(RES_DEBUGFS_PATH);
+    int n = snprintf(cmd, sizeof cmd, "cat %s/mmc0/mmc0\\:0001/ext_csd > %s%s", debugfs.c_str(), res_run_dir,
+                     RES_EMMC_CSD_FILE);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd)
+        RES_ERR("ext_csd dump command too long.");
+    else
+        res_misc_exec_sh(cmd);
+    usleep(50 * 1000);
+
+    char path[256];
+    snprintf(path, sizeof path, "%s%s", res_run_dir, RES_EMMC_CSD_FILE);
+    FILE *fp = fopen(path, "r");
+    if (!fp) {
+        RES_ERR("this dev is not support life time monitor\n");
+        return RES_EMMC_NOT_SUPPORT;
+    }
+    char line[1025] = {0};
+    if (!fgets(line, sizeof line, fp))
+        line[0] = '\0';
+    fclose(fp);
+
+    unsigned typ_a = 0, typ_b = 0;
+    size_t len = strcspn(line, "\r\n");
+    /* A dump too short to hold both estimates leaves them 0: unusable. */
+    if (len >= RES_CSD_TYP_B + 2) {
+        char hex[3] = {0};
+        snprintf(hex, sizeof hex, "%c%c", line[RES_CSD_TYP_A], line[RES_CSD_TYP_A + 1]);
+        typ_a = static_cast<unsigned>(strtoul(hex, nullptr, 16));
+        snprintf(hex, sizeof hex, "%c%c", line[RES_CSD_TYP_B], line[RES_CSD_TYP_B + 1]);
+        typ_b = static_cast<unsigned>(strtoul(hex, nullptr, 16));
+    }
+    bool a_ok = typ_a >= 1 && typ_a <= 11;
+    bool b_ok = typ_b >= 1 && typ_b <= 11;
+    if (a_ok == b_ok) {
+        /* Neither estimate usable, or both claim to be: not supported. */
+        RES_ERR("this dev is not support life time monitor\n");
+        return RES_EMMC_NOT_SUPPORT;
+    }
+    unsigned life = a_ok ? typ_a : typ_b;
+    RES_DBG("life_reg: 0x%x", life);
+    for (const auto &row : res_emmc_wear_table) {
+        if (row.estimate == static_cast<int>(life)) {
+            if (row.wear < 0) {
+                RES_ERR("this dev is not support life time monitor\n");
+                return RES_EMMC_NOT_SUPPORT;
+            }
+            return row.wear;
+        }
+    }
+    return 0;
+}
+
+int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
+{
+    (void)thread;
+    int wear = res_get_emmc_abrasion();
+    if (wear == RES_EMMC_NOT_SUPPORT) {
+        RES_ERR("this device is not support life time monitor\n");
+        return res_mon_reset_disk_intr(RES_MON_CLOSED, res_disk_type);
+    }
+    int months = static_cast<int>(res_get_uptime());
+    RES_DBG("abrasion:%d persent, used_life_time:%d month", wear, months);
+
+    int left;
+    int candidate;
+    if (wear > 99) {
+        left = 0;
+        candidate = 2;
+    } else {
+        left = wear == 0 ? 0 : (100 / wear - 1) * months;
+        candidate = 0;
+    }
+    RES_DBG("emmc left life time: %d", left);
+    int warning = disk_threshold < left ? candidate : 2;
+
+    struct res_disk_info_t *d = &res_disk_info[0];
+    snprintf(d->name, sizeof d->name, "%s", "emmc");
+    d->left_life = left;
+    RES_DBG("res_disk_info[%d].disk_used_time:[%d].", 0, d->disk_used_time);
+    d->disk_used_time = months;
+    RES_DBG("res_disk_info[i].flag is %d, warning_flag is %d", d->flag, warning);
+    if (d->flag == 2 && warning == 0)
+        warning = 1;
+    d->flag = warning;
+
+    /* Hand-off point: the lifetime publisher (res_mom_disk_handler, operation
+     * 1 with one row) reads res_disk_info here. */
+    int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_emmc_disk_timer_func, disk_interval,
+                                 RES_DISK_TIMER_NAME);
+    RES_DBG("res_mon_emmc_disk_timer_func add timer with ret[%d].", ret);
+    return ret;
+}
+
+void res_get_dev_name(void)
+{
+    res_ssd_dev_path[0] = '\0';
+    std::string listing = res_host_path(RES_DISK_LISTING_FILE);
+    char cmd[256];
+    int n = snprintf(cmd, sizeof cmd, "fdisk -l > %s", listing.c_str());
+    if (n > 0 && static_cast<size_t>(n) < sizeof cmd)
+        res_misc_exec_sh(cmd);
+    FILE *fp = fopen(listing.c_str(), "r");
+    if (!fp) {
+        RES_ERR("fopen %s fail", RES_DISK_LISTING_FILE);
+        return;
+    }
+    char line[128];
+    while (res_disk_read_line(fp, line, sizeof line)) {
+        if (!strstr(line, "Disk"))
+            continue;
+        char dev[RES_DEV_PATH_LEN] = {0};
+        if (sscanf(line, "%*s%127[^:]", dev) == 1) {
+            /* Only a plain device path may reach the SMART tool's shell
+             * command line. */
+            const char *p = dev;
+            while (*p == ' ' || *p == '\t')
+                ++p;
+            if (res_dev_path_safe(p)) {
+                snprintf(res_ssd_dev_path, sizeof res_ssd_dev_path, "%s", p);
+            } else {
+                RES_ERR("ignore device path[%s] from %s.", p, RES_DISK_LISTING_FILE);
+                res_ssd_dev_path[0] = '\0';
+            }
+        }
+        break;
+    }
+    fclose(fp);
+}
+
+void res_parse_smart(void)
+{
+    char out[256];
+    snprintf(out, sizeof out, "%s%s", res_run_dir, RES_DISK_LIFETIME_FILE);
+    std::string tool = res_host_path(RES_SMARTCTL_PATH);
+    char cmd[128];
+    const char *dev = res_dev_path_safe(res_ssd_dev_path) ? res_ssd_dev_path : "";
+    int n = snprintf(cmd, sizeof cmd, "%s --all %s > %s", tool.c_str(), dev, out);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd)
+        RES_ERR("smart command too long.");
+    else
+        res_misc_exec_sh(cmd);
+    usleep(50 * 1000);
+
+    FILE *fp = fopen(out, "r");
+    if (!fp) {
+        RES_ERR("fopen %s fail", out);
+        return;
+    }
+    char line[128];
+    char word[128];
+    while (res_disk_read_line(fp, line, sizeof line)) {
+        if (strstr(line, "Device Model:") && res_word(line, 3, word, sizeof word)) {
+            snprintf(res_ssd_smart.model, sizeof res_ssd_smart.model, "%s", word);
+            RES_DBG("ssd name : %s", res_ssd_smart.model);
+        }
+        if (strstr(line, "User Capacity:") && res_word(line, 3, word, sizeof word)) {
+            res_ssd_smart.capacity = strtoull(word, nullptr, 10);
+            RES_DBG("ssd capacity : %lu", static_cast<unsigned long>(res_ssd_smart.capacity));
+        }
+        if (strstr(line, "Sector Size:") && res_word(line, 3, word, sizeof word)) {
+            res_ssd_smart.sector_size = static_cast<int32_t>(strtol(word, nullptr, 10));
+            RES_DBG("ssd sector_size : %d", res_ssd_smart.sector_size);
+        }
+        if (strstr(line, "9 Power_On_Hours") && res_word(line, 10, word, sizeof word)) {
+            res_ssd_smart.power_on_hours = strtoull(word, nullptr, 10);
+            RES_DBG("ssd power_on_hours : %lu", static_cast<unsigned long>(res_ssd_smart.power_on_hours));
+        }
+        if ((strstr(line, "231 SSD Life left") || strstr(line, "231 Unknown_Attribute")) &&
+            res_word(line, 10, word, sizeof word)) {
+            res_ssd_smart.ssd_life_left = static_cast<int32_t>(strtoul(word, nullptr, 10));
+            RES_DBG("ssd ssd_life_left : %d", res_ssd_smart.ssd_life_left);
+        }
+        if ((strstr(line, "233 Media_Wearout_Indicator") || strstr(line, "233 Unknown_Attribute")) &&
+            res_word(line, 10, word, sizeof word)) {
+            res_ssd_smart.media_wearout_indicator = strtoull(word, nullptr, 0);
+            RES_DBG("ssd media_wearout_indicator : %lu",
+                    static_cast<unsigned long>(res_ssd_smart.media_wearout_indicator));
+        }
+    }
+    fclose(fp);
+}
+
+int res_mon_ssd_disk_timer_func(struct qn_thread *thread)
+{
+    (void)thread;
+    if (access(res_host_path(RES_SMARTCTL_PATH).c_str(), F_OK) != 0) {
+        RES_ERR("this ssd device is not support life time monitor\n");
+        return res_mon_reset_disk_intr(RES_MON_CLOSED, res_disk_type);
+    }
+    res_ssd_smart.capacity = 0;
+    res_ssd_smart.sector_size = 0;
+    res_ssd_smart.power_on_hours = 0;
+    res_ssd_smart.ssd_life_left = 0;
+    res_ssd_smart.media_wearout_indicator = 0;
+
+    res_get_dev_name();
+    res_parse_smart();
+
+    const struct res_ssd_smart_info *s = &res_ssd_smart;
+    if (s->sector_size == 0 || s->capacity == 0 || s->media_wearout_indicator == 0) {
+        RES_ERR("smart info is illegal");
+    } else {
+        uint32_t months;
+        if (s->power_on_hours == 0)
+            months = res_get_uptime();
+        else
+            months = static_cast<uint32_t>(s->power_on_hours / 720);
+
+        uint64_t sectors = s->sector_size ? (s->capacity << 30) / static_cast<uint64_t>(s->sector_size) : 0;
+        uint64_t divisor = (s->capacity % (1ULL << 34)) * 1024;
+        uint64_t single_sector_erase_count = divisor ? res_ssd_budget(s->capacity) / divisor : 0;
+        uint64_t total_erase_count = sectors * single_sector_erase_count;
+        RES_DBG("single_sector_erase_count :%llu", static_cast<unsigned long long>(single_sector_erase_count));
+        RES_DBG("total_erase_count :%llu", static_cast<unsigned long long>(total_erase_count));
+
+        int32_t ratio;
+        if (s->ssd_life_left == 0) {
+            ratio = static_cast<int32_t>(static_cast<uint32_t>((total_erase_count - s->media_wearout_indicator) /
+                                                               s->media_wearout_indicator));
+        } else {
+            int32_t used = 100 - s->ssd_life_left;
+            ratio = (used == 0 ? 0 : 100 / used) - 1;
+        }
+        int32_t left = static_cast<int32_t>(static_cast<uint32_t>(ratio) * months);
+        int32_t flag = static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? 2 : 0;
+
+        struct res_disk_info_t *d = &res_disk_info[0];
+        snprintf(d->name, sizeof d->name, "%.31s", s->model);
+        d->disk_used_time = static_cast<int32_t>(months);
+        d->left_life = left;
+        d->flag = flag;
+    }
+
+    /* Hand-off point: the lifetime publisher (res_mom_disk_handler, operation
+     * 1 with one row) reads res_disk_info here, also after an illegal
+     * reading. */
+    int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_ssd_disk_timer_func, disk_interval,
+                                 RES_DISK_TIMER_NAME);
+    RES_DBG("res_mon_ssd_disk_timer_func add timer with ret[%d].", ret);
+    return ret;
+}
