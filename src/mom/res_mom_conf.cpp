@@ -1,0 +1,150 @@
+/* Configuration and debug-level records: every node but the master listens
+ * to both and reads them once when its subscription is confirmed. */
+#include "mom/res_mom_conf.h"
+#include "mom/res_mom_main.h"
+#include "misc/res_zlog.h"
+
+#include "proto/p_utils.pb-c.h"
+
+namespace {
+
+/* Applies a received debug record; whether the level changed. */
+bool res_mom_apply_dbg(const PUtils__StovigDbg *dbg)
+{
+    return res_set_debug_level(dbg->dbg_level) == 0;
+}
+
+int res_mom_dev_db_handler(uint32_t op, bool dbg)
+{
+    if (!RES_MOM_OP_VALID(op))
+        return -1;
+    if (!(res_mom_conn_flag & RES_MOM_CONN_DEV_READY)) {
+        RES_ERR("QN_MOM_DEV_DB is not connect ready.");
+        return -1;
+    }
+    PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
+    PUtils__StovigSmplIntrl conf = P_UTILS__STOVIG_SMPL_INTRL__INIT;
+    PUtils__StovigDbg debug = P_UTILS__STOVIG_DBG__INIT;
+    conf.index = &index;
+    debug.index = &index;
+    const ProtobufCMessage *pattern = dbg ? &debug.base : &conf.base;
+    qn_mom_cb_t scan_cb = dbg ? res_mom_scan_dbg_cb : res_mom_scan_conf_cb;
+    qn_mom_cb_t sub_cb = dbg ? res_mom_sub_dbg_cb : res_mom_sub_conf_cb;
+    int ret = 0;
+    switch (op) {
+    case RES_MOM_OP_SEND:
+        ret = res_mom_send_not_built(dbg ? "PUtils__StovigDbg" : "PUtils__StovigSmplIntrl");
+        break;
+    case RES_MOM_OP_SCAN:
+        ret = qn_mom_scan(res_mom_client, QN_MOM_DEV_DB, pattern, 0, scan_cb, nullptr);
+        break;
+    case RES_MOM_OP_SUB:
+        ret = qn_mom_subscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, sub_cb, nullptr);
+        break;
+    case RES_MOM_OP_UNSUB:
+        ret = qn_mom_unsubscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, sub_cb, nullptr);
+        break;
+    default:
+        break;
+    }
+    if (dbg)
+        RES_DBG("%s debug from mom with ret[%d]", res_mom_op_name[op], ret);
+    else
+        RES_DBG("%s conf from mom with ret[%d]", res_mom_op_name[op], ret);
+    return ret;
+}
+
+int res_mom_sub_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
+{
+    if (!reply || reply->error) {
+        RES_ERR("msg is invalid.");
+        return -1;
+    }
+    uint32_t bit = dbg ? RES_MOM_SUB_DBG : RES_MOM_SUB_CONF;
+    switch (reply->type) {
+    case RES_MOM_KIND_SUBSCRIBED:
+        RES_DBG(dbg ? "subscribe PUtils__StovigDbg success" : "subscribe PUtils__StovigSmplIntrl success");
+        res_mom_sub_flag |= bit;
+        /* Fetch the current value. */
+        return dbg ? res_mom_dbg_handler(RES_MOM_OP_SCAN) : res_mom_conf_handler(RES_MOM_OP_SCAN);
+    case RES_MOM_KIND_UNSUBSCRIBED:
+        RES_DBG(dbg ? "unsubscribe PUtils__StovigDbg success" : "unsubscribe PUtils__StovigSmplIntrl success");
+        res_mom_sub_flag &= ~bit;
+        return 0;
+    case RES_MOM_KIND_VALUE:
+    case RES_MOM_KIND_VALUE_FIELDS:
+        if (!reply->res || reply->res->error) {
+            RES_ERR("res is invalid.");
+            return -1;
+        }
+        if (!reply->res->value) {
+            RES_DBG("get configure from QN_MOM_MONITOR_DB value is NULL.");
+            return 0;
+        }
+        if (dbg) {
+            auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
+            if (res_mom_apply_dbg(rec))
+                RES_DBG("set debug mode to %u.", rec->dbg_level);
+            return 0;
+        }
+        return res_mom_save_not_built("PUtils__StovigSmplIntrl", reply->type);
+    default:
+        RES_ERR("msg is invalid.");
+        return -1;
+    }
+}
+
+int res_mom_scan_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
+{
+    if (!reply || reply->error) {
+        RES_ERR("msg is invalid.");
+        return -1;
+    }
+    if (reply->scan_state == RES_MOM_SCAN_OVER) {
+        RES_DBG("scan over");
+        return 0;
+    }
+    if (!reply->res || !reply->res->value) {
+        RES_DBG("get null obj");
+        return 0;
+    }
+    if (dbg) {
+        auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
+        if (res_mom_apply_dbg(rec))
+            RES_DBG("set debug mode to %d.", static_cast<int>(rec->dbg_level));
+        return 0;
+    }
+    return res_mom_save_not_built("PUtils__StovigSmplIntrl", reply->type);
+}
+
+} // namespace
+
+int res_mom_conf_handler(uint32_t op)
+{
+    return res_mom_dev_db_handler(op, false);
+}
+
+int res_mom_dbg_handler(uint32_t op)
+{
+    return res_mom_dev_db_handler(op, true);
+}
+
+int res_mom_sub_conf_cb(void *, qn_mom_reply_t *reply)
+{
+    return res_mom_sub_dev_db_cb(reply, false);
+}
+
+int res_mom_sub_dbg_cb(void *, qn_mom_reply_t *reply)
+{
+    return res_mom_sub_dev_db_cb(reply, true);
+}
+
+int res_mom_scan_conf_cb(void *, qn_mom_reply_t *reply)
+{
+    return res_mom_scan_dev_db_cb(reply, false);
+}
+
+int res_mom_scan_dbg_cb(void *, qn_mom_reply_t *reply)
+{
+    return res_mom_scan_dev_db_cb(reply, true);
+}

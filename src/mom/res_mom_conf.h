@@ -1,0 +1,16 @@
+/* Configuration and debug-level records in QN_MOM_DEV_DB. */
+#ifndef RES_MOM_CONF_H
+#define RES_MOM_CONF_H
+
+#include <stdint.h>
+
+#include "qn_mom.h"
+
+int res_mom_conf_handler(uint32_t op);
+int res_mom_dbg_handler(uint32_t op);
+int res_mom_scan_conf_cb(void *ctx, qn_mom_reply_t *reply);
+int res_mom_sub_conf_cb(void *ctx, qn_mom_reply_t *reply);
+int res_mom_scan_dbg_cb(void *ctx, qn_mom_reply_t *reply);
+int res_mom_sub_dbg_cb(void *ctx, qn_mom_reply_t *reply);
+
+#endif
