@@ -3,6 +3,7 @@
  * runs the loop until nothing can be delivered any more. */
 #include "misc/res_ham.h"
 #include "misc/res_zlog.h"
+#include "mom/res_mom_main.h"
 #include "mon/res_mon_main.h"
 #include "res_main.h"
 
@@ -125,6 +126,13 @@ int main(void)
         return res_exit(pid_fd, ret);
     if (res_debug_level_init() != 0)
         RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init debug failed.");
+
+    uint32_t device_type = 2;
+    ret = res_mom_init(res_master, &device_type);
+    if (ret != 0) {
+        RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init mom failed.");
+        return res_exit(pid_fd, ret);
+    }
 
     RES_DBG("process begin");
 
