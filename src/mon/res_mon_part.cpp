@@ -187,7 +187,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
         if (!p->mounted)
             continue;
         char probe[128];
-        snprintf(probe, sizeof probe, "%s" RES_PROBE_FILE, p->path);
+        snprintf(probe, sizeof probe, "%.*s" RES_PROBE_FILE, RES_PART_STR_LEN - 1, p->path);
         int fd = open(res_host_path(probe).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0755);
         int err = errno;
         RES_VERBOSE("open %s with ret[%d] and errno[%d]", probe, fd, err);
