@@ -8,9 +8,22 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <string>
 
 namespace {
+
+/* Clients on which the capability client was started; lookups on any other
+ * handle find the service unreachable. */
+std::set<const qn_mom_client_t *> started;
+std::mutex started_lock;
+
+bool cap_started(const qn_mom_client_t *client)
+{
+    std::lock_guard<std::mutex> guard(started_lock);
+    return started.count(client) != 0;
+}
 
 /* 0 and the configured value of a path; -ENOENT when it has none. */
 int cap_lookup(const char *path, std::string *out)
@@ -42,6 +55,8 @@ int libqn_cap_init(qn_mom_client_t *client, const char *module)
 {
     if (!client || !module || !*module)
         return -EINVAL;
+    std::lock_guard<std::mutex> guard(started_lock);
+    started.insert(client);
     return 0;
 }
 
@@ -49,6 +64,8 @@ int libqn_cap_get_capacity_int32(qn_mom_client_t *client, const char *path, int3
 {
     if (!client || !value)
         return -EINVAL;
+    if (!cap_started(client))
+        return -ENOTCONN;
     std::string text;
     int ret = cap_lookup(path, &text);
     if (ret != 0)
@@ -66,6 +83,11 @@ int libqn_cap_get_capacity_str(qn_mom_client_t *client, const char *path, char *
 {
     if (!client || !buf || size == 0)
         return -EINVAL;
+    if (!cap_started(client)) {
+        if (len)
+            *len = 0;
+        return -ENOTCONN;
+    }
     std::string text;
     int ret = cap_lookup(path, &text);
     if (ret != 0) {

@@ -2,12 +2,24 @@
 #include "qn_cap.h"
 #include "test_mon_fixture.h"
 
+#include <cerrno>
+
 /* Number of flash capability records kept by the lookups. */
 size_t res_flash_cap_count(void);
 
 namespace {
 
+/* A bus client handle on which the capability client is started. */
 qn_mom_client_t *fake_client()
+{
+    static int token;
+    auto *client = reinterpret_cast<qn_mom_client_t *>(&token);
+    libqn_cap_init(client, "stovig");
+    return client;
+}
+
+/* A handle on which it never was. */
+qn_mom_client_t *unstarted_client()
 {
     static int token;
     return reinterpret_cast<qn_mom_client_t *>(&token);
@@ -62,17 +74,24 @@ TEST_F(Cap, LowerCaseTypeIsNotRecognisedAndOutputKept)
 
 TEST_F(Cap, ServiceDownMeansControlModule)
 {
+    uint32_t type = 1;
+    EXPECT_EQ(-1, res_cap_get_device_type(unstarted_client(), &type));
+    EXPECT_EQ(2u, type);
+    EXPECT_TRUE(logged("call libqn_cap_get_capacity_str url[g_feature_spec/product_platform_spec/CAP_DEV_TYPE] "
+                       "with ret[-107] len[0]."));
+}
+
+TEST_F(Cap, UnreadableConfigMeansServiceDown)
+{
     setenv("STOVIG_CONFIG", (root + "/no-such.ini").c_str(), 1);
     qn_platform_config_reload();
     uint32_t type = 1;
-    int ret = res_cap_get_device_type(fake_client(), &type);
-    /* The syslog capture is gone with the config; check the result only. */
-    EXPECT_EQ(-1, ret);
+    /* The syslog capture is gone with the config; the results tell. */
+    EXPECT_EQ(-1, res_cap_get_device_type(fake_client(), &type));
     EXPECT_EQ(2u, type);
     char buf[8];
     uint32_t len = 99;
-    int r = libqn_cap_get_capacity_str(fake_client(), kDevType, buf, sizeof buf, &len);
-    EXPECT_LT(r, 0);
+    EXPECT_EQ(-ENOTCONN, libqn_cap_get_capacity_str(fake_client(), kDevType, buf, sizeof buf, &len));
     EXPECT_EQ(0u, len);
 }
 
@@ -121,6 +140,7 @@ TEST_F(Cap, IntegerValuesAndGarbage)
     EXPECT_LT(stovig_cap_get_cap_int32("x/CAP_FLASH_PRODUCTLIFE", &v), 0);
     EXPECT_LT(stovig_cap_get_cap_int32("x/CAP_FLASH_MISSING", &v), 0);
     EXPECT_LT(libqn_cap_get_capacity_int32(nullptr, "x/CAP_FLASH_ERASETIMES", &v), 0);
+    EXPECT_EQ(-ENOTCONN, libqn_cap_get_capacity_int32(unstarted_client(), "x/CAP_FLASH_ERASETIMES", &v));
 }
 
 TEST_F(Cap, FlashFiguresTwiceLeaveOneRecord)
