@@ -204,8 +204,7 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
         warning = 1;
     d->flag = warning;
 
-    /* Hand-off point: the lifetime publisher (res_mom_disk_handler, operation
-     * 1 with one row) reads res_disk_info here. */
+    /* hand-off: res_mom_disk_handler(1, &count of 1) reads res_disk_info[0] */
     int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_emmc_disk_timer_func, disk_interval,
                                  RES_DISK_TIMER_NAME);
     RES_DBG("res_mon_emmc_disk_timer_func add timer with ret[%d].", ret);
@@ -352,9 +351,7 @@ int res_mon_ssd_disk_timer_func(struct qn_thread *thread)
         d->flag = flag;
     }
 
-    /* Hand-off point: the lifetime publisher (res_mom_disk_handler, operation
-     * 1 with one row) reads res_disk_info here, also after an illegal
-     * reading. */
+    /* hand-off: res_mom_disk_handler(1, &count of 1) reads res_disk_info[0] */
     int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_ssd_disk_timer_func, disk_interval,
                                  RES_DISK_TIMER_NAME);
     RES_DBG("res_mon_ssd_disk_timer_func add timer with ret[%d].", ret);

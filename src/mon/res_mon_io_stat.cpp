@@ -293,9 +293,7 @@ int res_mon_io_timer_func(struct qn_thread *thread)
         return -1;
     res_mon_io_top_sample();
     if (res_mon_io_stat_scan() == 0) {
-        /* Hand-off point: the I/O publisher (res_mom_io_handler, operation 1
-         * with RES_IO_TOP_COUNT processes) reads the device list and the
-         * current process sample here. */
+        /* hand-off: res_mom_io_handler(1, &count of RES_IO_TOP_COUNT) reads the devices and the sample */
         res_mon_io_top_commit();
     }
     int ret = res_misc_add_timer(&res_mon_io_thread, res_mon_io_timer_func, io_interval, RES_IO_TIMER_NAME);

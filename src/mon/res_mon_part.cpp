@@ -169,8 +169,7 @@ int res_mon_part_cap_timer_func(struct qn_thread *thread)
         }
         res_mon_part_fill_cap(p, &st, threshold);
     }
-    /* Hand-off point: the capacity publisher (res_mom_vol_handler, operation 1
-     * with RES_PART_NUM entries) reads the table here. */
+    /* hand-off: res_mom_vol_handler(1, &count of RES_PART_NUM) reads the table */
     int ret = res_misc_add_timer(&res_mon_cap_thread, res_mon_part_cap_timer_func, cap_interval,
                                  RES_CAP_TIMER_NAME);
     RES_VERBOSE("res_mon_part_cap_timer_func add timer with ret[%d].", ret);
@@ -198,8 +197,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
             p->ro_state = 2;
         }
     }
-    /* Hand-off point: the read-only publisher (res_mom_ro_handler, operation 1
-     * with RES_PART_NUM entries) reads the table here. */
+    /* hand-off: res_mom_ro_handler(1, &count of RES_PART_NUM) reads the table */
     int ret = res_misc_add_timer(&res_mon_ro_thread, res_mom_part_ro_timer_func, ro_interval, RES_RO_TIMER_NAME);
     RES_VERBOSE("res_mom_part_ro_timer_func add timer with ret[%d].", ret);
     return ret;
