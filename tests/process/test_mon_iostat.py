@@ -170,7 +170,7 @@ class IostatComparison(unittest.TestCase):
         self.put_sample(second)
         self.assertEqual(self.driver.cmd("io"), ["io 0"])
         pair = devices(self.driver)[DEV]
-        self.driver.close()
+        self.assertEqual(self.driver.close(), 0, "".join(self.driver.err))
         self.driver = None
         return since_boot, pair
 

@@ -47,8 +47,7 @@ class IotopComparison(unittest.TestCase):
         self.driver = None
 
     def tearDown(self):
-        if self.driver:
-            self.driver.close()
+        rc = self.driver.close() if self.driver else 0
         for p in self.procs:
             if p.poll() is None:
                 try:
@@ -60,6 +59,7 @@ class IotopComparison(unittest.TestCase):
                 if stream:
                     stream.close()
         shutil.rmtree(self.work, ignore_errors=True)
+        self.assertEqual(rc, 0, "".join(self.driver.err) if self.driver else "")
 
     def start_writer(self):
         producer = subprocess.Popen([sys.executable, "-c", PRODUCER], stdout=subprocess.PIPE,

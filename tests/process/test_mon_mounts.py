@@ -48,8 +48,9 @@ class RealMounts(unittest.TestCase):
 
     def tearDown(self):
         # The mounts live only in the driver's namespace: they go with it.
-        self.driver.close()
+        rc = self.driver.close()
         shutil.rmtree(self.work, ignore_errors=True)
+        self.assertEqual(rc, 0, "".join(self.driver.err))
 
     def ns(self, *cmd):
         """Runs a command inside the driver's mount namespace."""
