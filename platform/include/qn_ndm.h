@@ -41,8 +41,8 @@ int32_t ndm_get_my_node_type(void);
 int32_t ndm_get_my_dev_grole(void);
 /* The slot's name as the user sees it; 0, or -1 for a bad argument. */
 int ndm_get_user_slot_name(int32_t devid, int32_t user_slot, int32_t sslot, char *buf, uint32_t size);
-/* The card name in a physical slot; 0, or -1 when no card is known there. */
-int ndm_get_card_name_by_slot(int32_t devid, int32_t phy_slot, char *buf, uint32_t size);
+/* The name of the card in a user slot; 0, or -1 when no card is known there. */
+int ndm_get_card_name_by_slot(int32_t devid, int32_t user_slot, int32_t sslot, char *buf, uint32_t size);
 
 /* Stand-in only (tests): forget the cache and its bus client. */
 void dm_cache_reset(void);

@@ -185,14 +185,14 @@ int ndm_get_user_slot_name(int32_t devid, int32_t user_slot, int32_t, char *buf,
     return copy_out("slot" + std::to_string(user_slot), buf, size);
 }
 
-int ndm_get_card_name_by_slot(int32_t devid, int32_t phy_slot, char *buf, uint32_t size)
+int ndm_get_card_name_by_slot(int32_t devid, int32_t user_slot, int32_t, char *buf, uint32_t size)
 {
     if (!buf || size == 0)
         return -1;
     for (const auto &[mod, k] : cache.cards)
-        if (k.devid == devid && k.slotid == phy_slot && !k.name.empty())
+        if (k.devid == devid && k.user_slot == user_slot && !k.name.empty())
             return copy_out(k.name, buf, size);
-    if (devid == cfg().devid && phy_slot == cfg().phy_slot)
+    if (devid == cfg().devid && user_slot == cfg().user_slot)
         return copy_out(cfg().card_name.empty() ? "box" : cfg().card_name, buf, size);
     return -1;
 }

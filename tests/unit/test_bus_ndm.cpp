@@ -51,9 +51,9 @@ TEST_F(BusNdmTest, IdentityComesFromTheConfigFile)
     EXPECT_STREQ(buf, "LC-9");
     ASSERT_EQ(ndm_get_user_slot_name(1, 3, 0, buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "slot3");
-    ASSERT_EQ(ndm_get_card_name_by_slot(1, 4, buf, sizeof buf), 0);
+    ASSERT_EQ(ndm_get_card_name_by_slot(1, 9, 0, buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "LC48");
-    EXPECT_EQ(ndm_get_card_name_by_slot(1, 5, buf, sizeof buf), -1);
+    EXPECT_EQ(ndm_get_card_name_by_slot(1, 4, 0, buf, sizeof buf), -1);
     EXPECT_EQ(ndm_get_user_slot_name(1, 3, 0, nullptr, 0), -1);
 }
 
@@ -94,7 +94,7 @@ TEST_F(BusNdmTest, CardRecordsAndTheNodesRoleRecordAreFollowed)
     ASSERT_EQ(qn_mom_set(writer, QN_MOM_TUNNER_DB, &role.base, 0, 0), 0);
     ASSERT_TRUE(run_until([] { return ndm_get_my_dev_grole() == 1; }));
     char buf[32];
-    ASSERT_EQ(ndm_get_card_name_by_slot(0, 2, buf, sizeof buf), 0);
+    ASSERT_EQ(ndm_get_card_name_by_slot(0, 12, 0, buf, sizeof buf), 0);
     EXPECT_STREQ(buf, "CM-A");
 }
 
