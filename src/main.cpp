@@ -1,8 +1,10 @@
 /* qn-stovig: storage health monitor daemon.  Start-up takes the single-instance
  * lock, registers with HAM, creates the event loop and the debug log, and then
  * runs the loop until nothing can be delivered any more. */
+#include "cli/res_cli_main.h"
 #include "misc/res_ham.h"
 #include "misc/res_zlog.h"
+#include "mom/res_mom_cap.h"
 #include "mom/res_mom_main.h"
 #include "mon/res_mon_main.h"
 #include "res_main.h"
@@ -132,6 +134,20 @@ int main(void)
     if (ret != 0) {
         RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init mom failed.");
         return res_exit(pid_fd, ret);
+    }
+
+    if (device_type != RES_DEV_TYPE_LC) {
+        ret = cli_client_init("stovig", res_master);
+        if (ret != 0) {
+            RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init cli client failed.");
+            return res_exit(pid_fd, ret);
+        }
+        ret = res_cli_init();
+        if (ret != 0) {
+            RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init cli command failed.");
+            return res_exit(pid_fd, ret);
+        }
+        cli_client_ready();
     }
 
     RES_DBG("process begin");

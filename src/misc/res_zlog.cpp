@@ -1,5 +1,6 @@
 #include "misc/res_zlog.h"
 #include "misc/res_path.h"
+#include "mom/res_mom_conf.h"
 #include "qn_syslog.h"
 
 #include <cerrno>
@@ -52,6 +53,14 @@ int res_set_debug_level(uint32_t level)
         return -ENOENT;
     res_dbg_level = level;
     return 0;
+}
+
+void res_debug_off(int kind)
+{
+    if (kind != 2 || res_dbg_level == 0)
+        return;
+    res_dbg_level = 0;
+    res_mom_dbg_handler(1);
 }
 
 void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, const char *func, int line,

@@ -30,6 +30,9 @@ extern const int32_t *res_zlog_role;
 int res_zlog_init(void);
 int res_debug_level_init(void);
 int res_set_debug_level(uint32_t level);
+/* The platform's "all debugging off" switch: kind 2 turns the level off and
+ * publishes the change. */
+void res_debug_off(int kind);
 
 void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, const char *func, int line,
              const char *fmt, ...) __attribute__((format(printf, 7, 8)));

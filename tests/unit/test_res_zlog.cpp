@@ -120,6 +120,19 @@ TEST(SetDebugLevel, RangeAndSameLevel)
     res_dbg_level = saved;
 }
 
+TEST(DebugOff, OnlyTheAllOffKindTurnsTheLevelOff)
+{
+    uint32_t saved = res_dbg_level;
+    res_dbg_level = 4;
+    res_debug_off(1);
+    EXPECT_EQ(4u, res_dbg_level);
+    res_debug_off(2);
+    EXPECT_EQ(0u, res_dbg_level);
+    res_debug_off(2); /* already off: nothing to publish */
+    EXPECT_EQ(0u, res_dbg_level);
+    res_dbg_level = saved;
+}
+
 /* Both channels into files, through the platform config. */
 class LogChannels : public ::testing::Test {
   protected:
