@@ -60,8 +60,14 @@ class Node:
             with open(self.config_path, "w") as f:
                 f.write(config.replace("@SYSLOG@", self.syslog))
             self.env["STOVIG_CONFIG"] = self.config_path
-        if root is not None:
-            self.env["STOVIG_ROOT"] = root
+        # The daemon probes and writes files on the watched mount points; a
+        # test never lets it near the host's own: without a fixture tree it
+        # gets an empty one.
+        if root is None:
+            root = os.path.join(self.dir, "root")
+            os.makedirs(root, exist_ok=True)
+        self.root = root
+        self.env["STOVIG_ROOT"] = root
         if env:
             self.env.update(env)
         self.proc = None

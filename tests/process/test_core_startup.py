@@ -109,7 +109,7 @@ class StartupTest(unittest.TestCase):
         self.assertRegex(n.log_text(), r"DEBUG main\.cpp:\d+ main: process begin")
 
     def test_without_level_file_syslog_stays_silent_and_log_is_written(self):
-        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\n", root=os.path.join(self.tmp.path, "empty-root"))
+        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\n")
         n.start()
         self.assertTrue(n.wait_log("process begin"))
         self.assertIsNone(n.proc.poll())
