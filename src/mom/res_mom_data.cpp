@@ -3,6 +3,7 @@
 #include "misc/res_zlog.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -45,6 +46,24 @@ void res_mom_copy_key(char *dst, size_t size, const char *name, int length)
     size_t n = static_cast<size_t>(length) < size - 1 ? static_cast<size_t>(length) : size - 1;
     memcpy(dst, name, n);
     dst[n] = '\0';
+}
+
+/* The node list in order, for the debug log. */
+void res_mom_log_node_list(void)
+{
+    char text[768];
+    size_t used = 0;
+    text[0] = '\0';
+    for (struct res_list_head *pos = res_node_list.next; pos != &res_node_list && used < sizeof text - 1;
+         pos = pos->next) {
+        const struct res_mom_node *n = res_list_entry(pos, struct res_mom_node, list);
+        int w = snprintf(text + used, sizeof text - used, " [%d,%d,%d uslot %d]", n->devid, n->slotid, n->sslotid,
+                         n->user_slot);
+        if (w < 0)
+            break;
+        used += static_cast<size_t>(w);
+    }
+    RES_VERBOSE("local_list now:%s", text);
 }
 
 } // namespace
@@ -101,6 +120,7 @@ int res_mom_add_node_info_list(struct res_mom_node *node)
     if (res_node_list.next == &res_local_node.list && res_local_node.list.next == &res_node_list) {
         res_list_add_tail(&node->list, &res_node_list);
         RES_DBG("only master node exist, add tail.");
+        res_mom_log_node_list();
         return 0;
     }
     /* The local node stays first and is never compared. */
@@ -110,11 +130,13 @@ int res_mom_add_node_info_list(struct res_mom_node *node)
             res_list_insert(&node->list, pos->prev, pos);
             RES_DBG("add new[%p] between [%p] and [%p]", static_cast<void *>(&node->list),
                     static_cast<void *>(node->list.prev), static_cast<void *>(pos));
+            res_mom_log_node_list();
             return 0;
         }
     }
     res_list_add_tail(&node->list, &res_node_list);
     RES_DBG("loop to list tail, add tail.");
+    res_mom_log_node_list();
     return 0;
 }
 
@@ -165,6 +187,7 @@ int res_mom_clear_node_by_index(const int32_t *index)
     res_list_del(&node->list);
     res_mom_node_lists_clear(node);
     free(node);
+    res_mom_log_node_list();
     return 0;
 }
 

@@ -87,6 +87,9 @@ TEST_F(MomDataTest, NodesGoAfterLocalByAscendingUserSlot)
     EXPECT_TRUE(log.has(between)) << log.text();
     struct res_mom_node *n4 = add(0, 14, 4);
     EXPECT_TRUE(log.has("loop to list tail, add tail."));
+    EXPECT_TRUE(log.has("local_list now: [0,1,0 uslot 5] [0,11,0 uslot 1] [0,12,0 uslot 2] [0,13,0 uslot 3] "
+                        "[0,14,0 uslot 4]"))
+        << log.text();
     EXPECT_EQ(nodes().back(), n4);
 }
 
