@@ -74,6 +74,23 @@ int on_role(void *, qn_mom_reply_t *r)
     return 0;
 }
 
+/* Reads the followed records again: changes made while the link was down
+ * were not announced. */
+int rescan(qn_mom_client_t *c, uint32_t db, int)
+{
+    if (cache.objects.count(DM_OBJ_CARD_INFO)) {
+        PDev__CardInfo pattern = P_DEV__CARD_INFO__INIT;
+        PDev__CardInfoIndex idx = P_DEV__CARD_INFO_INDEX__INIT;
+        pattern.index = &idx;
+        qn_mom_scan(c, db, &pattern.base, 0, on_card, nullptr);
+    }
+    if (cache.objects.count(DM_OBJ_DP_LIB_GROLE)) {
+        PDev__DpLibGrole pattern = P_DEV__DP_LIB_GROLE__INIT;
+        qn_mom_scan(c, db, &pattern.base, 0, on_role, nullptr);
+    }
+    return 0;
+}
+
 int on_connected(qn_mom_client_t *c, uint32_t db, void *)
 {
     if (cache.objects.count(DM_OBJ_CARD_INFO)) {
@@ -136,6 +153,7 @@ int dm_cache_init(struct qn_thread_master *master, const char *name)
     cache.client = qn_mom_client_init(name, master);
     if (!cache.client)
         return -1;
+    qn_mom_client_set_reconnect_cb(cache.client, QN_MOM_TUNNER_DB, rescan);
     return qn_mom_client_connect(cache.client, QN_MOM_TUNNER_DB, on_connected, nullptr) == 0 ? 0 : -1;
 }
 

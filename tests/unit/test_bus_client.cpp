@@ -457,6 +457,40 @@ TEST_F(BusRedisReconnectTest, ClientReconnectsAndItsSubscriptionsStandAgain)
     test_loop_run(1);
 }
 
+TEST_F(BusRedisReconnectTest, PasswordAndUserFromTheConfigAreSentAndAWrongOneIsReported)
+{
+    test_loop_setup();
+    test_redis server;
+    server.password = "s3cret";
+    ASSERT_TRUE(server.start());
+    const std::string url = "[bus]\nurl = redis://127.0.0.1:" + std::to_string(server.port) + "\n";
+    for (const char *auth : {"password = s3cret\n", "user = default\npassword = s3cret\n"}) {
+        config_file cfg(url + auth);
+        qn_mom_client_t *c = qn_mom_client_init("TEST", res_master);
+        ASSERT_NE(c, nullptr);
+        static int connects;
+        connects = 0;
+        qn_mom_client_connect(c, QN_MOM_MONITOR_DB, [](qn_mom_client_t *, uint32_t, void *) { ++connects; return 0; },
+                              nullptr);
+        EXPECT_TRUE(run_until([] { return connects == 1; })) << auth;
+        io_record rec(0, 1, "sda");
+        EXPECT_EQ(qn_mom_set(c, QN_MOM_MONITOR_DB, rec.msg(), 0, 0), 0);
+        qn_mom_client_free(c);
+        test_loop_run(1);
+    }
+    config_file wrong(url + "password = nope\n");
+    testing::internal::CaptureStderr();
+    qn_mom_client_t *c = qn_mom_client_init("TEST", res_master);
+    ASSERT_NE(c, nullptr);
+    qn_mom_client_connect(c, QN_MOM_MONITOR_DB, nullptr, nullptr);
+    test_loop_run(30);
+    EXPECT_FALSE(qn_mom_client_is_up(c));
+    qn_mom_client_free(c);
+    test_loop_run(1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("redis AUTH refused"), std::string::npos) << err;
+}
+
 TEST_F(BusRedisReconnectTest, BadBusUrlIsRefusedWithAClearMessage)
 {
     test_loop_setup();

@@ -23,6 +23,7 @@ struct test_redis {
     pid_t pid = -1;
     int port = 0;
     std::string dir;
+    std::string password;   /* non-empty: the server requires it */
 
     static int free_port()
     {
@@ -50,8 +51,13 @@ struct test_redis {
             std::string p = std::to_string(port);
             FILE *null = freopen("/dev/null", "w", stdout);
             (void)null;
-            execlp("redis-server", "redis-server", "--bind", "127.0.0.1", "--port", p.c_str(), "--save", "",
-                   "--appendonly", "no", "--dir", dir.c_str(), "--daemonize", "no", (char *)nullptr);
+            if (password.empty())
+                execlp("redis-server", "redis-server", "--bind", "127.0.0.1", "--port", p.c_str(), "--save", "",
+                       "--appendonly", "no", "--dir", dir.c_str(), "--daemonize", "no", (char *)nullptr);
+            else
+                execlp("redis-server", "redis-server", "--bind", "127.0.0.1", "--port", p.c_str(), "--save", "",
+                       "--appendonly", "no", "--dir", dir.c_str(), "--daemonize", "no", "--requirepass",
+                       password.c_str(), (char *)nullptr);
             _exit(127);
         }
         for (int i = 0; i < 200; ++i) {
@@ -68,7 +74,8 @@ struct test_redis {
         bool ok = false;
         if (c && !c->err) {
             auto *r = static_cast<redisReply *>(redisCommand(c, "PING"));
-            ok = r && r->type == REDIS_REPLY_STATUS;
+            /* A server that wants a password answers NOAUTH: it is up. */
+            ok = r && (r->type == REDIS_REPLY_STATUS || r->type == REDIS_REPLY_ERROR);
             if (r)
                 freeReplyObject(r);
         }
