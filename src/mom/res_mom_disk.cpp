@@ -1,10 +1,20 @@
-/* Flash lifetime records: handler and the master's subscription and scan
- * callbacks. */
+/* Flash lifetime records: the node publishes its lifetime table, the master
+ * keeps every node's devices and writes a line when a verdict changes. */
 #include "mom/res_mom_disk.h"
+#include "mom/res_mom_data.h"
+#include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
 #include "misc/res_zlog.h"
+#include "mon/res_mon_disk.h"
+#include "mon/res_mon_main.h"
 
-#include "proto/p_utils.pb-c.h"
+#include "qn_ndm.h"
+#include "qn_zlog.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#define RES_EVENT_BUF_LEN 1024
 
 int res_mom_disk_handler(uint32_t op, void *data)
 {
@@ -17,7 +27,7 @@ int res_mom_disk_handler(uint32_t op, void *data)
     case RES_MOM_OP_SEND:
         if (!data)
             return -1;
-        return res_mom_send_not_built("PUtils__StovigDiskInfo");
+        return res_mom_disk_set(&disk, *static_cast<const int32_t *>(data), 0);
     case RES_MOM_OP_DEL: {
         if (!data)
             return -1;
@@ -36,6 +46,128 @@ int res_mom_disk_handler(uint32_t op, void *data)
     }
 }
 
+int res_mom_disk_send(int32_t count)
+{
+    return res_mom_disk_handler(RES_MOM_OP_SEND, &count);
+}
+
+int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
+{
+    int32_t rows = count <= 0 ? 0 : (count < RES_DISK_INFO_NUM ? count : RES_DISK_INFO_NUM);
+    auto **entries = static_cast<PUtils__DiskInfo **>(calloc(rows > 0 ? rows : 1, sizeof(PUtils__DiskInfo *)));
+    if (!entries) {
+        RES_ERR("malloc error reason");
+        return -1;
+    }
+    int ret = 0;
+    int32_t built = 0;
+    bool complete = true;
+    for (; built < rows; ++built) {
+        auto *e = static_cast<PUtils__DiskInfo *>(malloc(sizeof(PUtils__DiskInfo)));
+        if (!e) {
+            RES_ERR("malloc error reason");
+            complete = false;
+            break;
+        }
+        const struct res_disk_info_t *row = &res_disk_info[built];
+        p_utils__disk_info__init(e);
+        e->disk_name = const_cast<char *>(row->name);
+        e->disk_power_time = static_cast<uint64_t>(static_cast<int64_t>(row->disk_used_time));
+        e->disk_left_life = static_cast<uint64_t>(static_cast<int64_t>(row->left_life));
+        e->ltime_flag = row->flag;
+        entries[built] = e;
+        RES_DBG("disk_info[%d]: disk_name = %s, disk_power_time = %d, disk_left_life = %d, ltime_flag = %d", built,
+                e->disk_name, row->disk_used_time, row->left_life, e->ltime_flag);
+    }
+    if (complete && (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY)) {
+        message->index->t_devid = res_local_node.devid;
+        message->index->t_slotid = res_local_node.slotid;
+        message->index->t_sslotid = res_local_node.sslotid;
+        message->n_info = static_cast<size_t>(rows);
+        message->info = entries;
+        RES_DBG("qn_mom_set disk info begin");
+        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
+        message->n_info = 0;
+        message->info = nullptr;
+    }
+    for (int32_t i = 0; i < built; ++i)
+        free(entries[i]);
+    free(entries);
+    return ret;
+}
+
+int res_mom_save_disk_lft(int event, void *value)
+{
+    const PUtils__StovigDiskInfo *rec = nullptr;
+    if (event == RES_MOM_KIND_VALUE_DIRECT || event == RES_MOM_KIND_SCAN_VALUE) {
+        rec = static_cast<const PUtils__StovigDiskInfo *>(value);
+    } else if (event == RES_MOM_KIND_VALUE || event == RES_MOM_KIND_VALUE_FIELDS) {
+        auto *res = static_cast<qn_mom_res_t *>(value);
+        if (!res || res->error) {
+            RES_ERR("res unexpected, error!\n");
+            return -1;
+        }
+        rec = reinterpret_cast<const PUtils__StovigDiskInfo *>(res->value);
+    } else {
+        RES_DBG("ignore cmd:%d\n", event);
+        return -1;
+    }
+    if (!rec) {
+        RES_DBG("get disk info from TUNNER_DB value is NULL.");
+        return -1;
+    }
+    const int32_t idx[3] = {rec->index ? rec->index->t_devid : 0, rec->index ? rec->index->t_slotid : 0,
+                            rec->index ? rec->index->t_sslotid : 0};
+    struct res_mom_node *node = res_mom_get_node_by_index2(idx);
+    if (!node) {
+        RES_ERR("device is not exist in list.");
+        return 0;
+    }
+    if (rec->n_info < 1 || !rec->info) {
+        RES_ERR("save node lifetime capacity informaion failed.");
+        return 0;
+    }
+    char node_name[RES_MOM_NAME_LEN] = {0};
+    ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
+    for (size_t i = 0; i < rec->n_info; ++i) {
+        const PUtils__DiskInfo *e = rec->info[i];
+        const char *name = e->disk_name ? e->disk_name : "";
+        struct res_mom_lifetime_node *d =
+            res_mom_get_lifetime_node_by_name(&node->lifetime_list, name, static_cast<int>(strlen(name)));
+        if (!d) {
+            RES_ERR("can't get node by name[%s].", name);
+            break;
+        }
+        if (e->ltime_flag != d->flag) {
+            char buf[RES_EVENT_BUF_LEN] = {0};
+            if (e->ltime_flag == 2) {
+                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name,
+                            name, static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
+                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
+            } else if (e->ltime_flag == 1) {
+                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime recover health !", node_name, name);
+                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
+            }
+        }
+        d->power_time = e->disk_power_time;
+        d->left_lifetime = e->disk_left_life;
+        d->flag = e->ltime_flag;
+        d->seen = 1;
+    }
+    struct res_list_head *pos, *n;
+    res_list_for_each_safe(pos, n, &node->lifetime_list)
+    {
+        auto *d = res_list_entry(pos, struct res_mom_lifetime_node, list);
+        if (!d->seen) {
+            res_list_del(&d->list);
+            free(d);
+        } else {
+            d->seen = 0;
+        }
+    }
+    return 0;
+}
+
 int res_mom_sub_disk_cb(void *, qn_mom_reply_t *reply)
 {
     if (!reply || reply->error) {
@@ -47,7 +179,7 @@ int res_mom_sub_disk_cb(void *, qn_mom_reply_t *reply)
         res_mom_sub_flag |= RES_MOM_SUB_DISK;
         return res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr);
     }
-    return res_mom_save_not_built("PUtils__StovigDiskInfo", reply->type);
+    return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }
 
 int res_mom_scan_disk_cb(void *, qn_mom_reply_t *reply)
@@ -60,5 +192,5 @@ int res_mom_scan_disk_cb(void *, qn_mom_reply_t *reply)
         RES_DBG("scan disk lft over");
         return 0;
     }
-    return res_mom_save_not_built("PUtils__StovigDiskInfo", reply->type);
+    return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }

@@ -1,10 +1,20 @@
-/* Partition capacity and read-only records: one handler per record kind,
- * the master's subscription and scan callbacks. */
+/* Partition capacity and read-only records: one handler per record kind, the
+ * node's publishers reading the partition table, and the master's saving of
+ * received records with its warning and recovery lines. */
 #include "mom/res_mom_part.h"
+#include "mom/res_mom_data.h"
 #include "mom/res_mom_main.h"
 #include "misc/res_zlog.h"
+#include "mon/res_mon_main.h"
+#include "mon/res_mon_part.h"
 
-#include "proto/p_utils.pb-c.h"
+#include "qn_ndm.h"
+#include "qn_zlog.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#define RES_EVENT_BUF_LEN 1024
 
 namespace {
 
@@ -20,11 +30,13 @@ int res_mom_part_handler(uint32_t op, void *data, bool ro)
     const ProtobufCMessage *rec = ro ? &rorec.base : &vol.base;
     int ret = 0;
     switch (op) {
-    case RES_MOM_OP_SEND:
+    case RES_MOM_OP_SEND: {
         if (!data)
             return -1;
-        ret = res_mom_send_not_built(ro ? "PUtils__StovigPartRo" : "PUtils__StovigPartInfo");
+        int32_t count = *static_cast<const int32_t *>(data);
+        ret = ro ? res_mom_part_ro_set(&rorec, count) : res_mom_part_vol_set(&vol, count);
         break;
+    }
     case RES_MOM_OP_DEL: {
         if (!data)
             return -1;
@@ -53,6 +65,47 @@ int res_mom_part_handler(uint32_t op, void *data, bool ro)
     return ret;
 }
 
+void res_mom_part_free(void **entries, int32_t count)
+{
+    if (!entries)
+        return;
+    for (int32_t i = 0; i < count; ++i)
+        free(entries[i]);
+    free(entries);
+}
+
+/* Number of table rows an entry array covers. */
+int32_t res_mom_part_rows(int32_t count)
+{
+    if (count <= 0)
+        return 0;
+    return count < RES_PART_NUM ? count : RES_PART_NUM;
+}
+
+/* Drops the partitions the last record did not carry and unmarks the rest. */
+void res_mom_part_sweep(struct res_list_head *list)
+{
+    struct res_list_head *pos, *n;
+    res_list_for_each_safe(pos, n, list)
+    {
+        auto *p = res_list_entry(pos, struct res_mom_part_node, list);
+        if (!p->seen) {
+            res_list_del(&p->list);
+            free(p);
+        } else {
+            p->seen = 0;
+        }
+    }
+}
+
+/* The record carried by a subscription or scan reply, or null. */
+const ProtobufCMessage *res_mom_part_reply_record(const qn_mom_reply_t *reply)
+{
+    if (!reply->res || reply->res->error)
+        return nullptr;
+    return reply->res->value;
+}
+
 } // namespace
 
 int res_mom_vol_handler(uint32_t op, void *data)
@@ -63,6 +116,224 @@ int res_mom_vol_handler(uint32_t op, void *data)
 int res_mom_ro_handler(uint32_t op, void *data)
 {
     return res_mom_part_handler(op, data, true);
+}
+
+int res_mom_part_vol_send(int32_t count)
+{
+    return res_mom_vol_handler(RES_MOM_OP_SEND, &count);
+}
+
+int res_mom_part_ro_send(int32_t count)
+{
+    return res_mom_ro_handler(RES_MOM_OP_SEND, &count);
+}
+
+void **res_mom_part_info_set(int32_t count, int kind)
+{
+    int32_t rows = res_mom_part_rows(count);
+    void **entries = static_cast<void **>(calloc(rows > 0 ? rows : 1, sizeof(void *)));
+    if (!entries) {
+        RES_ERR("malloc error reason");
+        return nullptr;
+    }
+    for (int32_t i = 0; i < rows; ++i) {
+        struct res_part_info *row = &res_part_table[i];
+        if (kind == 0) {
+            auto *e = static_cast<PUtils__PartInfo *>(malloc(sizeof(PUtils__PartInfo)));
+            if (!e) {
+                RES_ERR("malloc error reason");
+                res_mom_part_free(entries, i);
+                return nullptr;
+            }
+            p_utils__part_info__init(e);
+            e->part_path = row->path;
+            e->part_uname = row->name;
+            e->total_vol = row->total_kb;
+            e->use_vol = row->used_kb;
+            e->flag = row->usage_state;
+            e->vol_visible = row->check_usage;
+            e->exist = row->mounted;
+            entries[i] = e;
+        } else {
+            auto *e = static_cast<PUtils__PartRo *>(malloc(sizeof(PUtils__PartRo)));
+            if (!e) {
+                RES_ERR("malloc error reason");
+                res_mom_part_free(entries, i);
+                return nullptr;
+            }
+            p_utils__part_ro__init(e);
+            e->part_path = row->path;
+            e->part_uname = row->name;
+            e->ro_flag = row->ro_state;
+            e->ro_visible = row->check_usage;
+            e->exist = row->mounted;
+            entries[i] = e;
+        }
+    }
+    return entries;
+}
+
+int res_mom_part_vol_set(PUtils__StovigPartInfo *message, int32_t count)
+{
+    void **entries = res_mom_part_info_set(count, 0);
+    if (!entries) {
+        RES_ERR("can't set part volume.");
+        return -1;
+    }
+    int32_t rows = res_mom_part_rows(count);
+    int ret = 0;
+    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
+        message->index->t_devid = res_local_node.devid;
+        message->index->t_slotid = res_local_node.slotid;
+        message->index->t_sslotid = res_local_node.sslotid;
+        message->n_info = static_cast<size_t>(rows);
+        message->info = reinterpret_cast<PUtils__PartInfo **>(entries);
+        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
+        message->n_info = 0;
+        message->info = nullptr;
+    }
+    res_mom_part_free(entries, rows);
+    return ret;
+}
+
+int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
+{
+    void **entries = res_mom_part_info_set(count, 1);
+    if (!entries) {
+        RES_ERR("can't set part readonly.");
+        return -1;
+    }
+    int32_t rows = res_mom_part_rows(count);
+    int ret = 0;
+    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
+        message->index->t_devid = res_local_node.devid;
+        message->index->t_slotid = res_local_node.slotid;
+        message->index->t_sslotid = res_local_node.sslotid;
+        message->n_info = static_cast<size_t>(rows);
+        message->info = reinterpret_cast<PUtils__PartRo **>(entries);
+        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
+        message->n_info = 0;
+        message->info = nullptr;
+    }
+    res_mom_part_free(entries, rows);
+    return ret;
+}
+
+int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInfo *message)
+{
+    if (message->n_info < 1 || !message->info) {
+        RES_ERR("save node part capacity informaion failed.");
+        return 0;
+    }
+    for (size_t i = 0; i < message->n_info; ++i) {
+        const PUtils__PartInfo *e = message->info[i];
+        const char *path = e->part_path ? e->part_path : "";
+        const char *uname = e->part_uname ? e->part_uname : "";
+        struct res_mom_part_node *p =
+            res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
+        if (!p) {
+            RES_ERR("can't get node by path[%s].", path);
+            RES_ERR("save node part capacity informaion failed.");
+            return 0;
+        }
+        char node_name[RES_MOM_NAME_LEN] = {0};
+        ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
+        char usage[32] = {0};
+        char threshold[32] = {0};
+        float ratio = static_cast<float>(e->use_vol) / static_cast<float>(e->total_vol) * 100.0f;
+        at_snprintf(usage, sizeof usage, "%.2f", ratio);
+        at_snprintf(threshold, sizeof threshold, "%.2f", static_cast<double>(cap_threshold));
+        if (e->flag != p->vol_flag) {
+            char buf[RES_EVENT_BUF_LEN] = {0};
+            if (e->flag == 2) {
+                at_snprintf(buf, sizeof buf, "%s High partition %s usage: %s%%, the capacity threshold is %s%%.",
+                            node_name, uname, usage, threshold);
+                res_event_line(RES_SRC_FILE, "res_part_vol_warning_task", __LINE__, buf);
+            } else if (e->flag == 1) {
+                at_snprintf(buf, sizeof buf,
+                            "%s Partition %s usage returned to normal: %s%%, the capacity threshold is %s%%.",
+                            node_name, uname, usage, threshold);
+                res_event_line(RES_SRC_FILE, "res_part_vol_warning_task", __LINE__, buf);
+            }
+        }
+        at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
+        p->total_vol = e->total_vol;
+        p->use_vol = e->use_vol;
+        p->vol_flag = e->flag;
+        p->exist = e->exist;
+        p->vol_visible = e->vol_visible;
+        p->seen = 1;
+    }
+    res_mom_part_sweep(&node->part_list);
+    return 0;
+}
+
+int res_mom_save_vol(const PUtils__StovigPartInfo *message)
+{
+    if (!message) {
+        RES_WARN("get role from TUNNER_DB value is NULL.");
+        return -1;
+    }
+    struct res_mom_node *node = res_mom_get_node_by_index(message->index);
+    if (!node) {
+        RES_ERR("can't get node from list.");
+        return -1;
+    }
+    return res_mom_save_part_vol(node, message);
+}
+
+int res_mom_save_part_ro(struct res_mom_node *node, const PUtils__StovigPartRo *message)
+{
+    if (message->n_info < 1 || !message->info) {
+        RES_ERR("info or num is not invalid.");
+        RES_ERR("save node part readonly failed.");
+        return 0;
+    }
+    for (size_t i = 0; i < message->n_info; ++i) {
+        const PUtils__PartRo *e = message->info[i];
+        const char *path = e->part_path ? e->part_path : "";
+        const char *uname = e->part_uname ? e->part_uname : "";
+        struct res_mom_part_node *p =
+            res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
+        if (!p) {
+            RES_ERR("can't get part node by path[%s].", path);
+            RES_ERR("save node part readonly failed.");
+            return 0;
+        }
+        char node_name[RES_MOM_NAME_LEN] = {0};
+        ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
+        if (e->ro_flag != p->ro_flag) {
+            char buf[RES_EVENT_BUF_LEN] = {0};
+            if (e->ro_flag == 2) {
+                at_snprintf(buf, sizeof buf, "%s Partition %s is readonly.", node_name, uname);
+                res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
+            } else if (e->ro_flag == 1) {
+                at_snprintf(buf, sizeof buf, "%s Partition %s read and write returned to normal.", node_name, uname);
+                res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
+            }
+        }
+        at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
+        p->ro_flag = e->ro_flag;
+        p->exist = e->exist;
+        p->ro_visible = e->ro_visible;
+        p->seen = 1;
+    }
+    res_mom_part_sweep(&node->part_list);
+    return 0;
+}
+
+int res_mom_save_ro(const PUtils__StovigPartRo *message)
+{
+    if (!message) {
+        RES_DBG("MOM msg value is NULL.");
+        return 0;
+    }
+    struct res_mom_node *node = res_mom_get_node_by_index(message->index);
+    if (!node) {
+        RES_ERR("get node from list failed.");
+        return -1;
+    }
+    return res_mom_save_part_ro(node, message);
 }
 
 int res_mom_sub_vol_cb(void *, qn_mom_reply_t *reply)
@@ -77,7 +348,8 @@ int res_mom_sub_vol_cb(void *, qn_mom_reply_t *reply)
         res_mom_vol_handler(RES_MOM_OP_SCAN, nullptr);
         return 0;
     }
-    if (res_mom_save_not_built("PUtils__StovigPartInfo", reply->type) != 0)
+    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_part_reply_record(reply));
+    if (res_mom_save_vol(rec) != 0)
         RES_DBG("subscribe partition capacity save fialed.");
     return 0;
 }
@@ -92,7 +364,8 @@ int res_mom_scan_vol_cb(void *, qn_mom_reply_t *reply)
         RES_DBG("scan over");
         return 0;
     }
-    if (res_mom_save_not_built("PUtils__StovigPartInfo", reply->type) != 0)
+    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_part_reply_record(reply));
+    if (res_mom_save_vol(rec) != 0)
         RES_ERR("scan partition capacity save fialed.");
     return 0;
 }
@@ -109,7 +382,8 @@ int res_mom_sub_ro_cb(void *, qn_mom_reply_t *reply)
         res_mom_ro_handler(RES_MOM_OP_SCAN, nullptr);
         return 0;
     }
-    int ret = res_mom_save_not_built("PUtils__StovigPartRo", reply->type);
+    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_part_reply_record(reply));
+    int ret = res_mom_save_ro(rec);
     if (ret != 0)
         RES_ERR("save read-only information with ret[%d].", ret);
     return 0;
@@ -125,7 +399,8 @@ int res_mom_scan_ro_cb(void *, qn_mom_reply_t *reply)
         RES_DBG("scan over");
         return 0;
     }
-    int ret = res_mom_save_not_built("PUtils__StovigPartRo", reply->type);
+    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_part_reply_record(reply));
+    int ret = res_mom_save_ro(rec);
     if (ret != 0)
         RES_ERR("scan partition readonly save failed.");
     return ret;

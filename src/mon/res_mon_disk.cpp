@@ -1,4 +1,5 @@
 #include "mon/res_mon_disk.h"
+#include "mom/res_mom_disk.h"
 
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
@@ -204,7 +205,7 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
         warning = 1;
     d->flag = warning;
 
-    /* hand-off: res_mom_disk_handler(1, &count of 1) reads res_disk_info[0] */
+    res_mom_disk_send(RES_DISK_INFO_NUM);
     int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_emmc_disk_timer_func, disk_interval,
                                  RES_DISK_TIMER_NAME);
     RES_DBG("res_mon_emmc_disk_timer_func add timer with ret[%d].", ret);
@@ -351,7 +352,7 @@ int res_mon_ssd_disk_timer_func(struct qn_thread *thread)
         d->flag = flag;
     }
 
-    /* hand-off: res_mom_disk_handler(1, &count of 1) reads res_disk_info[0] */
+    res_mom_disk_send(RES_DISK_INFO_NUM);
     int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_ssd_disk_timer_func, disk_interval,
                                  RES_DISK_TIMER_NAME);
     RES_DBG("res_mon_ssd_disk_timer_func add timer with ret[%d].", ret);

@@ -1,4 +1,5 @@
 #include "mon/res_mon_part.h"
+#include "mom/res_mom_part.h"
 
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
@@ -169,7 +170,7 @@ int res_mon_part_cap_timer_func(struct qn_thread *thread)
         }
         res_mon_part_fill_cap(p, &st, threshold);
     }
-    /* hand-off: res_mom_vol_handler(1, &count of RES_PART_NUM) reads the table */
+    res_mom_part_vol_send(RES_PART_NUM);
     int ret = res_misc_add_timer(&res_mon_cap_thread, res_mon_part_cap_timer_func, cap_interval,
                                  RES_CAP_TIMER_NAME);
     RES_VERBOSE("res_mon_part_cap_timer_func add timer with ret[%d].", ret);
@@ -197,7 +198,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
             p->ro_state = 2;
         }
     }
-    /* hand-off: res_mom_ro_handler(1, &count of RES_PART_NUM) reads the table */
+    res_mom_part_ro_send(RES_PART_NUM);
     int ret = res_misc_add_timer(&res_mon_ro_thread, res_mom_part_ro_timer_func, ro_interval, RES_RO_TIMER_NAME);
     RES_VERBOSE("res_mom_part_ro_timer_func add timer with ret[%d].", ret);
     return ret;

@@ -73,23 +73,25 @@ TEST_F(MomHandlerTest, DeleteRemovesOnlyThatNodesRecord)
               std::vector<std::string>{"qnmom:12:p_utils.stovig_disk_info:0.8.0.0"});
 }
 
-TEST_F(MomHandlerTest, MasterSavesNothingYetButLogsEveryReceivedRecord)
+TEST_F(MomHandlerTest, MasterSavesEveryReceivedRecordAndRefusesUnknownNodes)
 {
     ASSERT_EQ(start("node_type = 2\nrole = 1\n"), 0);
     const uint32_t bits = RES_MOM_SUB_IO | RES_MOM_SUB_RO | RES_MOM_SUB_VOL | RES_MOM_SUB_DISK;
     ASSERT_TRUE(run_until([&] { return (res_mom_sub_flag & bits) == bits; }));
     PUtils__Nodeindex idx = P_UTILS__NODEINDEX__INIT;
-    idx.t_slotid = 9;
+    idx.t_slotid = 9; /* no such node */
+    PUtils__PartInfo e = P_UTILS__PART_INFO__INIT;
+    e.part_path = const_cast<char *>("/data");
+    PUtils__PartInfo *ep = &e;
     PUtils__StovigPartInfo vol = P_UTILS__STOVIG_PART_INFO__INIT;
     vol.index = &idx;
+    vol.n_info = 1;
+    vol.info = &ep;
     ASSERT_EQ(qn_mom_set(bus(), QN_MOM_MONITOR_DB, &vol.base, 0, 0), 0);
-    ASSERT_TRUE(run_until([this] {
-        return log->has("PUtils__StovigPartInfo record of kind 4 received, saving is not built yet: dropped.");
-    }));
+    ASSERT_TRUE(run_until([this] { return log->has("subscribe partition capacity save fialed."); }));
+    EXPECT_TRUE(log->has("can't get node from list."));
     ASSERT_EQ(res_mom_vol_handler(RES_MOM_OP_SCAN, nullptr), 0);
-    ASSERT_TRUE(run_until([this] {
-        return log->has("PUtils__StovigPartInfo record of kind 24 received, saving is not built yet: dropped.");
-    }));
+    ASSERT_TRUE(run_until([this] { return log->has("scan partition capacity save fialed."); }));
     EXPECT_TRUE(log->has("scan over"));
     ASSERT_EQ(res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr), 0);
     ASSERT_EQ(res_mom_io_handler(RES_MOM_OP_SCAN, nullptr), 0);
