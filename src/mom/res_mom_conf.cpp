@@ -2,8 +2,12 @@
  * to both and reads them once when its subscription is confirmed. */
 #include "mom/res_mom_conf.h"
 #include "mom/res_mom_main.h"
+#include "mom/res_mom_data.h"
 #include "misc/res_zlog.h"
+#include "mon/res_mon_main.h"
+#include "res_main.h"
 
+#include "proto/p_dev.pb-c.h"
 #include "proto/p_utils.pb-c.h"
 
 namespace {
@@ -33,7 +37,24 @@ int res_mom_dev_db_handler(uint32_t op, bool dbg)
     int ret = 0;
     switch (op) {
     case RES_MOM_OP_SEND:
-        ret = res_mom_send_not_built(dbg ? "PUtils__StovigDbg" : "PUtils__StovigSmplIntrl");
+        if (res_local_node.role != P_DEV__DM_ROLE_E__DM_ROLE_MASTER) {
+            RES_DBG("current node is not master, ignore send conf.");
+            ret = 0;
+            break;
+        }
+        if (dbg) {
+            debug.dbg_level = res_dbg_level;
+            ret = qn_mom_set(res_mom_client, QN_MOM_DEV_DB, &debug.base, 0, 0);
+        } else {
+            conf.io_intr = static_cast<uint32_t>(io_interval);
+            conf.io_thrshd = static_cast<uint32_t>(io_threshold);
+            conf.part_ro_intr = static_cast<uint32_t>(ro_interval);
+            conf.part_cap_intr = static_cast<uint32_t>(cap_interval);
+            conf.part_cap_thrshd = static_cast<uint32_t>(cap_threshold);
+            conf.dsk_lf_intr = static_cast<uint32_t>(disk_interval);
+            conf.dsk_lf_thrshd = static_cast<uint32_t>(disk_threshold);
+            ret = qn_mom_hmset(res_mom_client, QN_MOM_DEV_DB, &conf.base, 0, 0);
+        }
         break;
     case RES_MOM_OP_SCAN:
         ret = qn_mom_scan(res_mom_client, QN_MOM_DEV_DB, pattern, 0, scan_cb, nullptr);
@@ -87,7 +108,8 @@ int res_mom_sub_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
                 RES_DBG("set debug mode to %u.", rec->dbg_level);
             return 0;
         }
-        return res_mom_save_not_built("PUtils__StovigSmplIntrl", reply->type);
+        res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
+        return 0;
     default:
         RES_ERR("msg is invalid.");
         return -1;
@@ -114,10 +136,55 @@ int res_mom_scan_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
             RES_DBG("set debug mode to %d.", static_cast<int>(rec->dbg_level));
         return 0;
     }
-    return res_mom_save_not_built("PUtils__StovigSmplIntrl", reply->type);
+    res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
+    return 0;
 }
 
 } // namespace
+
+void res_mom_conf_chg(const PUtils__StovigSmplIntrl *record)
+{
+    if (!record)
+        return;
+    /* The intervals travel as unsigned words; -100 (closed) comes back as is. */
+    int32_t v = static_cast<int32_t>(record->io_intr);
+    if (v != io_interval)
+        res_mon_reset_io_intr(v);
+    v = static_cast<int32_t>(record->io_thrshd);
+    if (v != io_threshold) {
+        RES_DBG("reset io threshold from %d to %d.", io_threshold, v);
+        io_threshold = v;
+    }
+    v = static_cast<int32_t>(record->part_ro_intr);
+    if (v != ro_interval)
+        res_mon_reset_ro_intr(v);
+    v = static_cast<int32_t>(record->part_cap_intr);
+    if (v != cap_interval)
+        res_mon_reset_cap_intr(v);
+    v = static_cast<int32_t>(record->part_cap_thrshd);
+    if (v != cap_threshold) {
+        RES_DBG("reset cap threshold from %d to %d.", cap_threshold, v);
+        cap_threshold = v;
+    }
+    v = static_cast<int32_t>(record->dsk_lf_intr);
+    if (v != disk_interval)
+        res_mon_reset_disk_intr(v, res_disk_type);
+    v = static_cast<int32_t>(record->dsk_lf_thrshd);
+    if (v != disk_threshold) {
+        RES_DBG("reset cap threshold from %d to %d.", disk_threshold, v);
+        res_mon_set_lifetime_threshold(v);
+    }
+}
+
+int res_mom_conf_send(void)
+{
+    return res_mom_conf_handler(RES_MOM_OP_SEND);
+}
+
+int res_mom_dbg_send(void)
+{
+    return res_mom_dbg_handler(RES_MOM_OP_SEND);
+}
 
 int res_mom_conf_handler(uint32_t op)
 {

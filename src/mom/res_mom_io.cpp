@@ -3,9 +3,22 @@
  * warnings while the device is being upgraded. */
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
+#include "mom/res_mom_data.h"
 #include "misc/res_zlog.h"
+#include "mon/res_mon_io_stat.h"
+#include "mon/res_mon_io_top_info.h"
 
 #include "proto/p_utils.pb-c.h"
+#include "qn_ndm.h"
+#include "qn_zlog.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#define RES_EVENT_BUF_LEN 1024
+/* The compressed swap device's journal thread, left out of the process list. */
+#define RES_IO_SKIP_NAME "jbd2/zram0-8"
+#define RES_IO_SKIP_LEN 12
 
 uint32_t res_mom_upgrade_flag = 0;
 
@@ -16,6 +29,246 @@ void *res_mom_reply_value(qn_mom_reply_t *reply)
     if (reply->type == RES_MOM_KIND_VALUE_DIRECT || reply->type == RES_MOM_KIND_SCAN_VALUE)
         return reply->res ? reply->res->value : nullptr;
     return reply->res;
+}
+
+namespace {
+
+/* The record carried by a subscription or scan reply, or null. */
+const ProtobufCMessage *res_mom_io_reply_record(const qn_mom_reply_t *reply)
+{
+    if (!reply->res || reply->res->error)
+        return nullptr;
+    return reply->res->value;
+}
+
+bool res_mom_io_skipped(const struct xxxid_stats *s)
+{
+    return s->name && strlen(s->name) >= RES_IO_SKIP_LEN && strncmp(s->name, RES_IO_SKIP_NAME, RES_IO_SKIP_LEN) == 0;
+}
+
+void res_mom_io_free(PUtils__DiskIo **disks, size_t n_disks, PUtils__ProcIo **procs, size_t n_procs)
+{
+    for (size_t i = 0; disks && i < n_disks; ++i)
+        free(disks[i]);
+    free(disks);
+    for (size_t i = 0; procs && i < n_procs; ++i)
+        free(procs[i]);
+    free(procs);
+}
+
+void res_mom_io_event(const char *fmt_tail_is_usage, const char *node_name, const PUtils__DiskIo *e)
+{
+    char rd[32] = {0}, wr[32] = {0}, use[32] = {0};
+    at_snprintf(rd, sizeof rd, "%.2f", e->io_read);
+    at_snprintf(wr, sizeof wr, "%.2f", e->io_write);
+    at_snprintf(use, sizeof use, "%.2f", e->io_util);
+    char buf[RES_EVENT_BUF_LEN] = {0};
+    at_snprintf(buf, sizeof buf, "%s High disk %s I/O read: %s KBps I/O write: %s KBps I/O %s: %s%%.", node_name,
+                e->disk_name ? e->disk_name : "", rd, wr, fmt_tail_is_usage, use);
+    res_event_line(RES_SRC_FILE, "res_disk_io_warning_save_task", __LINE__, buf);
+}
+
+} // namespace
+
+int res_mom_io_send(uint32_t count)
+{
+    return res_mom_io_handler(RES_MOM_OP_SEND, &count);
+}
+
+int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
+{
+    if (!io_device_list) {
+        RES_ERR("dev_list empty.");
+        return -1;
+    }
+    size_t n_disks = 0;
+    for (struct io_device *d = io_device_list; d; d = d->next)
+        if (d->exist && d->is_disk == 1)
+            ++n_disks;
+    if (n_disks == 0) {
+        RES_DBG("no disk i/o information is valid.");
+        return 0;
+    }
+    auto **disks = static_cast<PUtils__DiskIo **>(calloc(n_disks, sizeof(PUtils__DiskIo *)));
+    if (!disks) {
+        RES_ERR("malloc disk i/o list error");
+        return -5;
+    }
+    size_t i = 0;
+    for (struct io_device *d = io_device_list; d && i < n_disks; d = d->next) {
+        if (!(d->exist && d->is_disk == 1))
+            continue;
+        auto *e = static_cast<PUtils__DiskIo *>(malloc(sizeof(PUtils__DiskIo)));
+        if (!e) {
+            RES_ERR("malloc disk i/o infor node error");
+            res_mom_io_free(disks, i, nullptr, 0);
+            return -5;
+        }
+        p_utils__disk_io__init(e);
+        e->disk_name = d->name;
+        /* Sectors of 512 bytes per second, published as KB per second. */
+        e->io_read = d->rsec_rate / 2;
+        e->io_write = d->wsec_rate / 2;
+        e->io_util = d->util;
+        e->io_flag = static_cast<double>(d->io_warn_state);
+        disks[i++] = e;
+    }
+    auto **procs = static_cast<PUtils__ProcIo **>(calloc(count > 0 ? count : 1, sizeof(PUtils__ProcIo *)));
+    if (!procs) {
+        RES_ERR("malloc process i/o list error");
+        res_mom_io_free(disks, n_disks, nullptr, 0);
+        return -5;
+    }
+    struct xxxid_stats_arr *sample = res_mon_io_top_current();
+    struct xxxid_stats **order = sample ? (sample->sor ? sample->sor : sample->arr) : nullptr;
+    size_t avail = (sample && order && sample->length > 0) ? static_cast<size_t>(sample->length) : 0;
+    size_t n_procs = 0;
+    bool skipped = false;
+    for (size_t pos = 0; pos < count; ++pos) {
+        size_t src = skipped ? pos + 1 : pos;
+        if (src >= avail)
+            break;
+        if (!skipped) {
+            res_mon_xxxid_resolve(order[src]);
+            if (res_mom_io_skipped(order[src])) {
+                skipped = true;
+                ++src;
+                if (src >= avail)
+                    break;
+            }
+        }
+        struct xxxid_stats *s = order[src];
+        res_mon_xxxid_resolve(s);
+        auto *e = static_cast<PUtils__ProcIo *>(malloc(sizeof(PUtils__ProcIo)));
+        if (!e) {
+            RES_ERR("malloc process i/o node error");
+            res_mom_io_free(disks, n_disks, procs, n_procs);
+            return -5;
+        }
+        p_utils__proc_io__init(e);
+        e->proc_id = s->tid;
+        e->proc_name = s->name ? s->name : res_xxxid_unknown;
+        e->io_read = s->read_val;
+        e->io_write = s->write_val;
+        e->io_swap = s->swapin_val;
+        e->io_util = s->blkio_val;
+        e->cmd = s->cmdline ? s->cmdline : res_xxxid_unknown;
+        procs[n_procs++] = e;
+    }
+    int ret = 0;
+    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
+        message->index->t_devid = res_local_node.devid;
+        message->index->t_slotid = res_local_node.slotid;
+        message->index->t_sslotid = res_local_node.sslotid;
+        message->n_disk_io_info = n_disks;
+        message->disk_io_info = disks;
+        message->n_proc_io_info = n_procs;
+        message->proc_io_info = procs;
+        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
+        RES_VERBOSE("set IO information with ret[%d].", ret);
+        message->n_disk_io_info = 0;
+        message->disk_io_info = nullptr;
+        message->n_proc_io_info = 0;
+        message->proc_io_info = nullptr;
+    }
+    res_mom_io_free(disks, n_disks, procs, n_procs);
+    return ret;
+}
+
+int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__StovigIo *message)
+{
+    if (message->n_disk_io_info < 1 || !message->disk_io_info) {
+        RES_ERR("save device node disk io failed[%d].", -1);
+        return -1;
+    }
+    char node_name[RES_MOM_NAME_LEN] = {0};
+    ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
+    for (size_t i = 0; i < message->n_disk_io_info; ++i) {
+        const PUtils__DiskIo *e = message->disk_io_info[i];
+        const char *name = e->disk_name ? e->disk_name : "";
+        struct res_mom_disk_io_node *d =
+            res_mom_get_disk_io_node_by_name(&node->disk_io_list, name, static_cast<int>(strlen(name)));
+        if (!d) {
+            RES_ERR("can't get node by name[%s].", name);
+            break;
+        }
+        /* A disk seen for the first time counts as normal. */
+        if (d->io_flag == 0)
+            d->io_flag = 1;
+        double n = e->io_flag;
+        if (n != static_cast<double>(d->io_flag)) {
+            if (res_mom_upgrade_flag != 0) {
+                /* While upgrading only recoveries get through; a new warning
+                 * waits for the first record after the gate opens. */
+                if (n == 1) {
+                    d->io_flag = 1;
+                    res_mom_io_event("returned to normal", node_name, e);
+                }
+            } else {
+                d->io_flag = static_cast<uint32_t>(n);
+                if (n == 2)
+                    res_mom_io_event("usage", node_name, e);
+                else if (n == 1)
+                    res_mom_io_event("returned to normal", node_name, e);
+            }
+        }
+        d->io_read = e->io_read;
+        d->io_write = e->io_write;
+        d->io_util = e->io_util;
+        d->seen = 1;
+    }
+    struct res_list_head *pos, *nx;
+    res_list_for_each_safe(pos, nx, &node->disk_io_list)
+    {
+        auto *d = res_list_entry(pos, struct res_mom_disk_io_node, list);
+        if (!d->seen) {
+            res_list_del(&d->list);
+            free(d);
+        } else {
+            d->seen = 0;
+        }
+    }
+    return 0;
+}
+
+int res_mom_save_proc_io(struct res_mom_node *node, const PUtils__StovigIo *message)
+{
+    if (message->n_proc_io_info < 1 || !message->proc_io_info) {
+        RES_ERR("save device node process io failed[%d].", -1);
+        return -1;
+    }
+    res_mom_clear_proc_io_list(&node->proc_io_list);
+    for (size_t i = 0; i < message->n_proc_io_info; ++i) {
+        const PUtils__ProcIo *e = message->proc_io_info[i];
+        struct res_mom_proc_io_node p;
+        memset(&p, 0, sizeof p);
+        p.proc_id = e->proc_id;
+        at_snprintf(p.proc_name, sizeof p.proc_name, "%s", e->proc_name ? e->proc_name : "");
+        p.io_read = e->io_read;
+        p.io_write = e->io_write;
+        p.io_swap = e->io_swap;
+        p.io_util = e->io_util;
+        at_snprintf(p.cmd, sizeof p.cmd, "%s", e->cmd ? e->cmd : "");
+        if (res_mom_add_node_proc_io_list(&p, &node->proc_io_list) != 0)
+            RES_ERR("add process[%d] io information failed.", static_cast<int>(e->proc_id));
+    }
+    return 0;
+}
+
+int res_mom_save_io(const PUtils__StovigIo *message)
+{
+    if (!message) {
+        RES_DBG("get IO from MONITOR_DB value is NULL.");
+        return 0;
+    }
+    struct res_mom_node *node = res_mom_get_node_by_index(message->index);
+    if (!node) {
+        RES_ERR("device is not exist in list.");
+        return 0;
+    }
+    res_disk_io_warning_save_task(node, message);
+    res_mom_save_proc_io(node, message);
+    return 0;
 }
 
 int res_mom_io_handler(uint32_t op, void *data)
@@ -30,7 +283,7 @@ int res_mom_io_handler(uint32_t op, void *data)
     case RES_MOM_OP_SEND:
         if (!data)
             return -1;
-        ret = res_mom_send_not_built("PUtils__StovigIo");
+        ret = res_mom_io_set(&io, *static_cast<const uint32_t *>(data));
         break;
     case RES_MOM_OP_DEL: {
         if (!data)
@@ -72,7 +325,7 @@ int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
         res_mom_sub_flag |= RES_MOM_SUB_IO;
         return res_mom_io_handler(RES_MOM_OP_SCAN, nullptr);
     }
-    return res_mom_save_not_built("PUtils__StovigIo", reply->type);
+    return res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply)));
 }
 
 int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)
@@ -85,7 +338,7 @@ int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)
         RES_DBG("scan i/o over");
         return 0;
     }
-    res_mom_save_not_built("PUtils__StovigIo", reply->type);
+    res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply)));
     return 0;
 }
 

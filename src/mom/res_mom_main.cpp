@@ -42,18 +42,6 @@ const uint32_t res_mom_connect_dbs[3] = {QN_MOM_TUNNER_DB, QN_MOM_MONITOR_DB, QN
 
 } // namespace
 
-int res_mom_save_not_built(const char *record, int kind)
-{
-    RES_DBG("%s record of kind %d received, saving is not built yet: dropped.", record, kind);
-    return 0;
-}
-
-int res_mom_send_not_built(const char *record)
-{
-    RES_DBG("%s send is not built yet: nothing published.", record);
-    return 0;
-}
-
 int res_mom_init(struct qn_thread_master *master, uint32_t *device_type)
 {
     if (!master)

@@ -80,10 +80,4 @@ int res_mom_master_timer(struct qn_thread *thread);
  * them; tests that start the bus side more than once do). */
 void res_mom_timers_cancel(void);
 
-/* Stand-in for the record-saving steps that are not built yet: logs the
- * record's name and the reply kind at debug level and drops the record. */
-int res_mom_save_not_built(const char *record, int kind);
-/* Stand-in for the publishing steps (SEND) that are not built yet. */
-int res_mom_send_not_built(const char *record);
-
 #endif

@@ -1,4 +1,5 @@
 #include "mon/res_mon_io_stat.h"
+#include "mom/res_mom_io.h"
 
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
@@ -293,7 +294,7 @@ int res_mon_io_timer_func(struct qn_thread *thread)
         return -1;
     res_mon_io_top_sample();
     if (res_mon_io_stat_scan() == 0) {
-        /* hand-off: res_mom_io_handler(1, &count of RES_IO_TOP_COUNT) reads the devices and the sample */
+        res_mom_io_send(RES_IO_TOP_COUNT);
         res_mon_io_top_commit();
     }
     int ret = res_misc_add_timer(&res_mon_io_thread, res_mon_io_timer_func, io_interval, RES_IO_TIMER_NAME);

@@ -445,6 +445,13 @@ struct xxxid_stats_arr *res_mon_io_top_current(void)
     return res_io_top_cur;
 }
 
+void res_mon_io_top_set_current(struct xxxid_stats_arr *arr)
+{
+    if (res_io_top_cur && res_io_top_cur != res_io_top_prev)
+        arr_free(res_io_top_cur);
+    res_io_top_cur = arr;
+}
+
 void res_mon_io_top_clear(void)
 {
     if (res_io_top_cur && res_io_top_cur != res_io_top_prev)

@@ -37,6 +37,9 @@ void res_mon_io_top_commit(void);
 struct xxxid_stats_arr *res_mon_io_top_current(void);
 /* Milliseconds of the monotonic clock. */
 uint64_t res_mon_now_ms(void);
+/* Makes `arr` the current snapshot, taking it over (tests that feed the
+ * publisher a process list of their own). */
+void res_mon_io_top_set_current(struct xxxid_stats_arr *arr);
 /* Drops both snapshots and their time stamps (tests). */
 void res_mon_io_top_clear(void);
 

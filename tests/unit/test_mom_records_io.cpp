@@ -1,0 +1,691 @@
+/* I/O records with the upgrade gate, and the configuration record: the node's
+ * publisher reading the device list and the process sample, the master's
+ * flag handling, and the settings applied from a received record. */
+#include "test_mom_daemon.h"
+
+#include "mom/res_mom_conf.h"
+#include "mom/res_mom_io.h"
+#include "misc/res_misc.h"
+#include "mon/res_mon_io_stat.h"
+#include "mon/res_mon_io_top_arr.h"
+#include "mon/res_mon_io_top_info.h"
+#include "mon/res_mon_main.h"
+#include "res_main.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+namespace {
+
+class IoRecordsTest : public MomDaemonTest {
+protected:
+    void SetUp() override
+    {
+        MomDaemonTest::SetUp();
+        res_mom_data_init();
+        char tmpl[] = "/tmp/stovig-rio-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        saved_handle = res_zlog_handle;
+        saved[0] = io_interval;
+        saved[1] = io_threshold;
+        saved[2] = ro_interval;
+        saved[3] = cap_interval;
+        saved[4] = cap_threshold;
+        saved[5] = disk_interval;
+        saved[6] = disk_threshold;
+        res_mon_io_stat_clear();
+        res_mon_io_top_clear();
+    }
+
+    void TearDown() override
+    {
+        res_misc_del_timer(&res_mon_io_thread);
+        res_misc_del_timer(&res_mon_ro_thread);
+        res_misc_del_timer(&res_mon_cap_thread);
+        res_misc_del_timer(&res_mon_disk_thread);
+        io_interval = saved[0];
+        io_threshold = saved[1];
+        ro_interval = saved[2];
+        cap_interval = saved[3];
+        cap_threshold = saved[4];
+        disk_interval = saved[5];
+        disk_threshold = saved[6];
+        res_mon_io_stat_clear();
+        res_mon_io_top_clear();
+        res_zlog_handle = saved_handle;
+        MomDaemonTest::TearDown();
+        std::string cmd = "rm -rf " + dir;
+        EXPECT_EQ(std::system(cmd.c_str()), 0);
+    }
+
+    std::string zlog_config() const { return "file = " + dir + "/zlog.log\n"; }
+
+    void capture()
+    {
+        log = std::make_unique<log_capture>(zlog_config());
+        static int n;
+        std::string cat = "stovig-rio-" + std::to_string(++n);
+        res_zlog_handle = qn_zlog_init(cat.c_str());
+        ASSERT_NE(res_zlog_handle, nullptr);
+    }
+
+    std::vector<std::string> events() const
+    {
+        std::vector<std::string> out;
+        std::istringstream in(slurp_file(dir + "/zlog.log"));
+        std::string line;
+        const std::string mark = " res_disk_io_warning_save_task: ";
+        while (std::getline(in, line)) {
+            size_t p = line.find(mark);
+            if (line.find(" EVENT ") != std::string::npos && p != std::string::npos)
+                out.push_back(line.substr(p + mark.size()));
+        }
+        return out;
+    }
+
+    struct res_mom_node *add_node(int32_t slot, int32_t user_slot)
+    {
+        struct res_mom_node *n = res_mom_malloc_node_init();
+        n->devid = 0;
+        n->slotid = slot;
+        n->sslotid = 0;
+        n->user_slot = user_slot;
+        EXPECT_EQ(res_mom_add_node_info_list(n), 0);
+        return n;
+    }
+
+    static int list_len(const struct res_list_head *h)
+    {
+        int n = 0;
+        for (const struct res_list_head *p = h->next; p != h; p = p->next)
+            ++n;
+        return n;
+    }
+
+    static struct res_mom_disk_io_node *disk(struct res_mom_node *n, const char *name)
+    {
+        for (struct res_list_head *p = n->disk_io_list.next; p != &n->disk_io_list; p = p->next) {
+            auto *e = res_list_entry(p, struct res_mom_disk_io_node, list);
+            if (strcmp(e->disk_name, name) == 0)
+                return e;
+        }
+        return nullptr;
+    }
+
+    /* Adds a device to the monitor's list (which frees it on clear). */
+    static struct io_device *add_device(const char *name, uint32_t is_disk, uint32_t exist)
+    {
+        auto *d = static_cast<struct io_device *>(calloc(1, sizeof(struct io_device)));
+        snprintf(d->name, sizeof d->name, "%s", name);
+        d->is_disk = is_disk;
+        d->exist = exist;
+        struct io_device **tail = &io_device_list;
+        while (*tail)
+            tail = &(*tail)->next;
+        *tail = d;
+        return d;
+    }
+
+    /* A process sample whose order is the order of `names` (ids ascending). */
+    static void set_sample(const std::vector<std::string> &names)
+    {
+        struct xxxid_stats_arr *a = arr_alloc();
+        uint32_t tid = 100;
+        for (const std::string &n : names) {
+            auto *s = static_cast<struct xxxid_stats *>(calloc(1, sizeof(struct xxxid_stats)));
+            s->tid = ++tid;
+            s->name = strdup(n.c_str());
+            s->cmdline = strdup(("/bin/" + n).c_str());
+            s->resolved = 1;
+            s->read_val = tid;
+            ASSERT_EQ(arr_add(a, s), 0);
+        }
+        res_mon_io_top_set_current(a);
+    }
+
+    std::vector<std::string> records(uint32_t db, const ProtobufCMessage *pattern)
+    {
+        static std::vector<std::string> got;
+        static bool over;
+        got.clear();
+        over = false;
+        EXPECT_EQ(qn_mom_scan(bus(), db, pattern, 0,
+                              [](void *, qn_mom_reply_t *r) {
+                                  if (r->scan_state == QN_MOM_SCAN_OVER) {
+                                      over = true;
+                                  } else if (r->res && r->res->value) {
+                                      std::string b(protobuf_c_message_get_packed_size(r->res->value), '\0');
+                                      protobuf_c_message_pack(r->res->value, reinterpret_cast<uint8_t *>(&b[0]));
+                                      got.push_back(b);
+                                  }
+                                  return 0;
+                              },
+                              nullptr),
+                  0);
+        run_until([] { return over; });
+        return got;
+    }
+
+    /* The I/O record published by the local node, unpacked; null if none. */
+    PUtils__StovigIo *published_io()
+    {
+        PUtils__StovigIo pat = P_UTILS__STOVIG_IO__INIT;
+        std::vector<std::string> got = records(QN_MOM_MONITOR_DB, &pat.base);
+        if (got.size() != 1)
+            return nullptr;
+        return p_utils__stovig_io__unpack(nullptr, got[0].size(), reinterpret_cast<const uint8_t *>(got[0].data()));
+    }
+
+    int start_ready()
+    {
+        int ret = start("node_type = 3\ndevid = 1\nphy_slot = 4\nuser_slot = 4\n");
+        EXPECT_TRUE(run_until([] { return (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) != 0; }));
+        return ret;
+    }
+
+    std::string dir;
+    qn_zlog_category_t *saved_handle = nullptr;
+    int32_t saved[7] = {};
+};
+
+/* An I/O record under construction. */
+struct io_rec {
+    PUtils__Nodeindex idx = P_UTILS__NODEINDEX__INIT;
+    std::vector<PUtils__DiskIo> d;
+    std::vector<PUtils__ProcIo> p;
+    std::vector<PUtils__DiskIo *> dp;
+    std::vector<PUtils__ProcIo *> pp;
+    std::vector<std::string> s;
+    PUtils__StovigIo rec = P_UTILS__STOVIG_IO__INIT;
+    explicit io_rec(int32_t slot)
+    {
+        idx.t_slotid = slot;
+        s.reserve(64);
+    }
+    char *keep(const std::string &v)
+    {
+        s.push_back(v);
+        return &s.back()[0];
+    }
+    io_rec &dsk(const std::string &name, double flag, double util = 95)
+    {
+        PUtils__DiskIo e = P_UTILS__DISK_IO__INIT;
+        e.disk_name = keep(name);
+        e.io_read = 10;
+        e.io_write = 20.5;
+        e.io_util = util;
+        e.io_flag = flag;
+        d.push_back(e);
+        return *this;
+    }
+    io_rec &proc(uint32_t pid, const std::string &name, const std::string &cmd)
+    {
+        PUtils__ProcIo e = P_UTILS__PROC_IO__INIT;
+        e.proc_id = pid;
+        e.proc_name = keep(name);
+        e.cmd = keep(cmd);
+        e.io_read = 1;
+        p.push_back(e);
+        return *this;
+    }
+    const PUtils__StovigIo *get()
+    {
+        dp.clear();
+        pp.clear();
+        for (auto &e : d)
+            dp.push_back(&e);
+        for (auto &e : p)
+            pp.push_back(&e);
+        rec.index = &idx;
+        rec.n_disk_io_info = dp.size();
+        rec.disk_io_info = dp.empty() ? nullptr : dp.data();
+        rec.n_proc_io_info = pp.size();
+        rec.proc_io_info = pp.empty() ? nullptr : pp.data();
+        return &rec;
+    }
+};
+
+const std::string kIoHigh = "slot3 High disk sda I/O read: 10.00 KBps I/O write: 20.50 KBps I/O usage: 95.00%.";
+const std::string kIoNormal =
+    "slot3 High disk sda I/O read: 10.00 KBps I/O write: 20.50 KBps I/O returned to normal: 12.00%.";
+
+using MomIoSave = IoRecordsTest;
+
+TEST_F(MomIoSave, NeverWarnedDiskWritesNothingThenOneWarningAndOneRecovery)
+{
+    capture();
+    struct res_mom_node *n = add_node(5, 3);
+    for (int i = 0; i < 3; ++i) {
+        io_rec r(5);
+        r.dsk("sda", 0, 12);
+        EXPECT_EQ(res_mom_save_io(r.get()), 0);
+        EXPECT_EQ(disk(n, "sda")->io_flag, 0u);
+    }
+    io_rec one(5);
+    one.dsk("sda", 1, 12); /* a never-warned disk read as normal: nothing */
+    EXPECT_EQ(res_mom_save_io(one.get()), 0);
+    EXPECT_TRUE(events().empty());
+    const double seq[] = {2, 2, 1, 1, 1};
+    for (double f : seq) {
+        io_rec r(5);
+        r.dsk("sda", f, f == 2 ? 95 : 12);
+        EXPECT_EQ(res_mom_save_io(r.get()), 0);
+    }
+    std::vector<std::string> want = {kIoHigh, kIoNormal};
+    EXPECT_EQ(events(), want);
+    EXPECT_EQ(disk(n, "sda")->io_flag, 1u);
+    EXPECT_DOUBLE_EQ(disk(n, "sda")->io_util, 12);
+    EXPECT_DOUBLE_EQ(disk(n, "sda")->io_write, 20.5);
+}
+
+TEST_F(MomIoSave, OtherFlagValuesAreStoredWithoutALine)
+{
+    capture();
+    struct res_mom_node *n = add_node(5, 3);
+    io_rec r(5);
+    r.dsk("sda", 3);
+    EXPECT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_EQ(disk(n, "sda")->io_flag, 3u);
+    EXPECT_TRUE(events().empty());
+}
+
+TEST_F(MomIoSave, DisksAndProcessesAreKeptWhenARecordLacksThem)
+{
+    capture();
+    struct res_mom_node *n = add_node(5, 3);
+    io_rec a(5);
+    a.dsk("sda", 0).dsk("sdb", 0).proc(7, "dd", "dd if=/dev/zero").proc(8, "sync", "sync");
+    ASSERT_EQ(res_mom_save_io(a.get()), 0);
+    EXPECT_EQ(list_len(&n->proc_io_list), 2);
+    io_rec b(5);
+    b.dsk("sda", 0); /* no processes: the old list stays; sdb is swept */
+    ASSERT_EQ(res_mom_save_io(b.get()), 0);
+    EXPECT_TRUE(log->has("save device node process io failed[-1]."));
+    EXPECT_EQ(list_len(&n->proc_io_list), 2);
+    EXPECT_EQ(list_len(&n->disk_io_list), 1);
+    io_rec c(5);
+    c.proc(9, std::string(40, 'n'), std::string(200, 'c')); /* no disks: kept, no sweep */
+    ASSERT_EQ(res_mom_save_io(c.get()), 0);
+    EXPECT_TRUE(log->has("save device node disk io failed[-1]."));
+    EXPECT_EQ(list_len(&n->disk_io_list), 1);
+    ASSERT_EQ(list_len(&n->proc_io_list), 1); /* replaced wholesale */
+    auto *p = res_list_entry(n->proc_io_list.next, struct res_mom_proc_io_node, list);
+    EXPECT_EQ(p->proc_id, 9u);
+    EXPECT_EQ(strlen(p->proc_name), 31u);
+    EXPECT_EQ(strlen(p->cmd), 127u);
+}
+
+TEST_F(MomIoSave, UnknownNodeAndNullRecordAreOnlyLogged)
+{
+    capture();
+    add_node(5, 3);
+    io_rec r(6);
+    r.dsk("sda", 2);
+    EXPECT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_TRUE(log->has("device is not exist in list."));
+    EXPECT_EQ(res_mom_save_io(nullptr), 0);
+    EXPECT_TRUE(log->has("get IO from MONITOR_DB value is NULL."));
+    EXPECT_TRUE(events().empty());
+}
+
+using MomIoGate = IoRecordsTest;
+
+TEST_F(MomIoGate, WarningIsHeldDuringAnUpgradeAndWrittenAfterIt)
+{
+    capture();
+    struct res_mom_node *n = add_node(5, 3);
+    PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_UPGRADING;
+    ASSERT_EQ(res_mom_save_upgrade_flag(1, &up.base), 0);
+    for (int i = 0; i < 2; ++i) {
+        io_rec r(5);
+        r.dsk("sda", 2);
+        EXPECT_EQ(res_mom_save_io(r.get()), 0);
+    }
+    EXPECT_TRUE(events().empty());
+    EXPECT_EQ(disk(n, "sda")->io_flag, 1u);
+    EXPECT_DOUBLE_EQ(disk(n, "sda")->io_util, 95); /* figures are stored anyway */
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_INIT;
+    ASSERT_EQ(res_mom_save_upgrade_flag(24, &up.base), 0);
+    io_rec r(5);
+    r.dsk("sda", 2);
+    EXPECT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_EQ(events(), std::vector<std::string>{kIoHigh});
+}
+
+TEST_F(MomIoGate, RecoveryGoesThroughDuringAnUpgrade)
+{
+    capture();
+    add_node(5, 3);
+    io_rec hi(5);
+    hi.dsk("sda", 2);
+    ASSERT_EQ(res_mom_save_io(hi.get()), 0);
+    PUtils__IssuNGlobalInfo issu = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
+    issu.state = P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_UPGRADING;
+    ASSERT_EQ(res_mom_save_issu_flag(1, &issu.base), 0);
+    io_rec lo(5);
+    lo.dsk("sda", 1, 12);
+    ASSERT_EQ(res_mom_save_io(lo.get()), 0);
+    std::vector<std::string> want = {kIoHigh, kIoNormal};
+    EXPECT_EQ(events(), want);
+}
+
+TEST_F(MomIoGate, EitherGateBitAloneHoldsAndClearingOneKeepsTheOther)
+{
+    capture();
+    add_node(5, 3);
+    PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
+    PUtils__IssuNGlobalInfo issu = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
+    issu.state = P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_UPGRADING;
+    ASSERT_EQ(res_mom_save_issu_flag(1, &issu.base), 0);
+    EXPECT_EQ(res_mom_upgrade_flag, RES_MOM_GATE_ISSU);
+    io_rec r(5);
+    r.dsk("sda", 2);
+    ASSERT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_TRUE(events().empty());
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_DOWNLOAD;
+    ASSERT_EQ(res_mom_save_upgrade_flag(1, &up.base), 0);
+    issu.state = P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_INIT;
+    ASSERT_EQ(res_mom_save_issu_flag(1, &issu.base), 0);
+    EXPECT_EQ(res_mom_upgrade_flag, RES_MOM_GATE_UPGRADE);
+    ASSERT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_TRUE(events().empty());
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_INIT;
+    ASSERT_EQ(res_mom_save_upgrade_flag(1, &up.base), 0);
+    ASSERT_EQ(res_mom_save_io(r.get()), 0);
+    EXPECT_EQ(events(), std::vector<std::string>{kIoHigh});
+}
+
+TEST_F(MomIoGate, UpgradeRecordOnTheBusHoldsTheMastersWarning)
+{
+    ASSERT_EQ(start("node_type = 2\nrole = 1\n", "[log]\n" + zlog_config() + "[cap]\nCAP_DEV_TYPE = CM\n"), 0);
+    static int n;
+    res_zlog_handle = qn_zlog_init(("stovig-rio-bus-" + std::to_string(++n)).c_str());
+    ASSERT_TRUE(run_until([] { return (res_mom_sub_flag & RES_MOM_SUB_IO) != 0; }));
+    ASSERT_TRUE(run_until([this] { return log->has("scan upgrade info over"); }));
+    publish_card(1, 0, 3, 3, true);
+    ASSERT_TRUE(run_until([this] { return nodes().size() == 2; }));
+    PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_UPGRADING;
+    ASSERT_EQ(qn_mom_set(bus(), RES_MOM_UPGRADE_DB, &up.base, 0, 0), 0);
+    ASSERT_TRUE(run_until([] { return res_mom_upgrade_flag == RES_MOM_GATE_UPGRADE; }));
+    io_rec r(3);
+    r.dsk("sda", 2).proc(7, "dd", "dd");
+    ASSERT_EQ(qn_mom_set(bus(), QN_MOM_MONITOR_DB, &r.get()->base, 0, 0), 0);
+    ASSERT_TRUE(run_until([this] { return list_len(&nodes()[1]->proc_io_list) == 1; }));
+    EXPECT_TRUE(events().empty());
+    up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_INIT;
+    ASSERT_EQ(qn_mom_set(bus(), RES_MOM_UPGRADE_DB, &up.base, 0, 0), 0);
+    ASSERT_TRUE(run_until([] { return res_mom_upgrade_flag == 0; }));
+    ASSERT_EQ(qn_mom_set(bus(), QN_MOM_MONITOR_DB, &r.get()->base, 0, 0), 0);
+    ASSERT_TRUE(run_until([this] { return events().size() == 1; }));
+    EXPECT_EQ(events()[0], kIoHigh);
+}
+
+using MomIoSend = IoRecordsTest;
+
+TEST_F(MomIoSend, EmptyDeviceListAndNoValidDisk)
+{
+    ASSERT_EQ(start_ready(), 0);
+    EXPECT_EQ(res_mom_io_send(5), -1);
+    EXPECT_TRUE(log->has("dev_list empty."));
+    add_device("sda", 1, 0);  /* gone */
+    add_device("loop0", 0, 1); /* not a disk */
+    set_sample({"a", "b"});
+    EXPECT_EQ(res_mom_io_send(5), 0);
+    EXPECT_TRUE(log->has("no disk i/o information is valid."));
+    EXPECT_EQ(published_io(), nullptr); /* not even the process part */
+}
+
+TEST_F(MomIoSend, NothingIsPublishedBeforeTheLocalIdentityIsComplete)
+{
+    log = std::make_unique<log_capture>();
+    res_mom_conn_flag = RES_MOM_CONN_MONITOR;
+    add_device("sda", 1, 1);
+    set_sample({"a"});
+    EXPECT_EQ(res_mom_io_send(5), 0);
+    EXPECT_FALSE(log->has("set IO information"));
+}
+
+TEST_F(MomIoSend, ValidDisksAndTheBusiestProcessesArePublished)
+{
+    ASSERT_EQ(start_ready(), 0);
+    struct io_device *a = add_device("sda", 1, 1);
+    add_device("sdb", 1, 0);
+    struct io_device *c = add_device("mmcblk0", 1, 1);
+    a->rsec_rate = 200;
+    a->wsec_rate = 41;
+    a->util = 93.5;
+    a->io_warn_state = 2;
+    c->io_warn_state = 1;
+    set_sample({"a", "b", "jbd2/zram0-8", "c", "d", "e", "f"});
+    EXPECT_EQ(res_mom_io_send(5), 0);
+    EXPECT_TRUE(log->has("set IO information with ret[0]."));
+    PUtils__StovigIo *io = published_io();
+    ASSERT_NE(io, nullptr);
+    EXPECT_EQ(io->index->t_slotid, 4);
+    EXPECT_EQ(io->index->t_devid, 1);
+    ASSERT_EQ(io->n_disk_io_info, 2u);
+    EXPECT_STREQ(io->disk_io_info[0]->disk_name, "sda");
+    EXPECT_DOUBLE_EQ(io->disk_io_info[0]->io_read, 100);
+    EXPECT_DOUBLE_EQ(io->disk_io_info[0]->io_write, 20.5);
+    EXPECT_DOUBLE_EQ(io->disk_io_info[0]->io_util, 93.5);
+    EXPECT_DOUBLE_EQ(io->disk_io_info[0]->io_flag, 2);
+    EXPECT_STREQ(io->disk_io_info[1]->disk_name, "mmcblk0");
+    EXPECT_DOUBLE_EQ(io->disk_io_info[1]->io_flag, 1);
+    ASSERT_EQ(io->n_proc_io_info, 5u);
+    const char *want[] = {"a", "b", "c", "d", "e"};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_STREQ(io->proc_io_info[i]->proc_name, want[i]) << i;
+    EXPECT_STREQ(io->proc_io_info[2]->cmd, "/bin/c");
+    EXPECT_EQ(io->proc_io_info[2]->proc_id, 104u);
+    EXPECT_DOUBLE_EQ(io->proc_io_info[2]->io_read, 104);
+    p_utils__stovig_io__free_unpacked(io, nullptr);
+}
+
+TEST_F(MomIoSend, OnlyOneJournalThreadIsLeftOut)
+{
+    ASSERT_EQ(start_ready(), 0);
+    add_device("sda", 1, 1);
+    set_sample({"jbd2/zram0-8", "a", "jbd2/zram0-8", "jbd2/zram0-", "b", "c"});
+    EXPECT_EQ(res_mom_io_send(5), 0);
+    PUtils__StovigIo *io = published_io();
+    ASSERT_NE(io, nullptr);
+    ASSERT_EQ(io->n_proc_io_info, 5u);
+    const char *want[] = {"a", "jbd2/zram0-8", "jbd2/zram0-", "b", "c"};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_STREQ(io->proc_io_info[i]->proc_name, want[i]) << i;
+    p_utils__stovig_io__free_unpacked(io, nullptr);
+}
+
+TEST_F(MomIoSend, ProcessNamesAreResolvedOnlyForThePublishedRecords)
+{
+    ASSERT_EQ(start_ready(), 0);
+    add_device("sda", 1, 1);
+    struct xxxid_stats_arr *arr = arr_alloc();
+    auto *me = static_cast<struct xxxid_stats *>(calloc(1, sizeof(struct xxxid_stats)));
+    me->tid = static_cast<uint32_t>(getpid());
+    auto *late = static_cast<struct xxxid_stats *>(calloc(1, sizeof(struct xxxid_stats)));
+    late->tid = static_cast<uint32_t>(getpid()) + 1000000u;
+    ASSERT_EQ(arr_add(arr, me), 0);
+    ASSERT_EQ(arr_add(arr, late), 0);
+    res_mon_io_top_set_current(arr);
+    EXPECT_EQ(res_mom_io_send(1), 0);
+    EXPECT_EQ(me->resolved, 1u);
+    EXPECT_EQ(late->resolved, 0u);
+    ASSERT_NE(me->name, nullptr);
+    PUtils__StovigIo *io = published_io();
+    ASSERT_NE(io, nullptr);
+    ASSERT_EQ(io->n_proc_io_info, 1u);
+    EXPECT_STREQ(io->proc_io_info[0]->proc_name, me->name);
+    EXPECT_NE(std::string(io->proc_io_info[0]->proc_name), "");
+    p_utils__stovig_io__free_unpacked(io, nullptr);
+}
+
+/* ---- configuration ---- */
+
+using MomConf = IoRecordsTest;
+
+PUtils__StovigSmplIntrl current_conf()
+{
+    PUtils__StovigSmplIntrl c = P_UTILS__STOVIG_SMPL_INTRL__INIT;
+    c.io_intr = static_cast<uint32_t>(io_interval);
+    c.io_thrshd = static_cast<uint32_t>(io_threshold);
+    c.part_ro_intr = static_cast<uint32_t>(ro_interval);
+    c.part_cap_intr = static_cast<uint32_t>(cap_interval);
+    c.part_cap_thrshd = static_cast<uint32_t>(cap_threshold);
+    c.dsk_lf_intr = static_cast<uint32_t>(disk_interval);
+    c.dsk_lf_thrshd = static_cast<uint32_t>(disk_threshold);
+    return c;
+}
+
+TEST_F(MomConf, SendOnANonMasterWritesNothing)
+{
+    ASSERT_EQ(start("node_type = 2\nrole = 2\n"), 0);
+    ASSERT_TRUE(run_until([] { return (res_mom_conn_flag & RES_MOM_CONN_DEV_READY) != 0; }));
+    ASSERT_TRUE(run_until([] { return res_local_node.role == 2; }));
+    EXPECT_EQ(res_mom_conf_send(), 0);
+    EXPECT_EQ(res_mom_dbg_send(), 0);
+    EXPECT_EQ(log->count("current node is not master, ignore send conf."), 2);
+    PUtils__StovigSmplIntrl c = P_UTILS__STOVIG_SMPL_INTRL__INIT;
+    PUtils__StovigDbg d = P_UTILS__STOVIG_DBG__INIT;
+    EXPECT_TRUE(records(QN_MOM_DEV_DB, &c.base).empty());
+    EXPECT_TRUE(records(QN_MOM_DEV_DB, &d.base).empty());
+}
+
+TEST_F(MomConf, SendOnTheMasterWritesTheWholeRecord)
+{
+    ASSERT_EQ(start("node_type = 2\nrole = 1\n"), 0);
+    ASSERT_TRUE(run_until([] { return (res_mom_conn_flag & RES_MOM_CONN_DEV_READY) != 0; }));
+    ASSERT_TRUE(run_until([] { return res_local_node.role == 1; }));
+    io_interval = 20;
+    io_threshold = 0;
+    ro_interval = 40;
+    cap_interval = RES_MON_CLOSED;
+    cap_threshold = 70;
+    disk_interval = 120;
+    disk_threshold = 6;
+    EXPECT_EQ(res_mom_conf_send(), 0);
+    EXPECT_EQ(res_mom_dbg_send(), 0);
+    EXPECT_TRUE(log->has("SEND conf from mom with ret[0]"));
+    PUtils__StovigSmplIntrl pat = P_UTILS__STOVIG_SMPL_INTRL__INIT;
+    std::vector<std::string> got = records(QN_MOM_DEV_DB, &pat.base);
+    ASSERT_EQ(got.size(), 1u);
+    PUtils__StovigSmplIntrl *c = p_utils__stovig_smpl_intrl__unpack(
+        nullptr, got[0].size(), reinterpret_cast<const uint8_t *>(got[0].data()));
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->index->t_slotid, 0);
+    EXPECT_EQ(c->io_intr, 20u);
+    EXPECT_EQ(c->io_thrshd, 0u);
+    EXPECT_EQ(c->part_ro_intr, 40u);
+    EXPECT_EQ(static_cast<int32_t>(c->part_cap_intr), RES_MON_CLOSED);
+    EXPECT_EQ(c->part_cap_thrshd, 70u);
+    EXPECT_EQ(c->dsk_lf_intr, 120u);
+    EXPECT_EQ(c->dsk_lf_thrshd, 6u);
+    p_utils__stovig_smpl_intrl__free_unpacked(c, nullptr);
+    PUtils__StovigDbg dpat = P_UTILS__STOVIG_DBG__INIT;
+    got = records(QN_MOM_DEV_DB, &dpat.base);
+    ASSERT_EQ(got.size(), 1u);
+    PUtils__StovigDbg *d =
+        p_utils__stovig_dbg__unpack(nullptr, got[0].size(), reinterpret_cast<const uint8_t *>(got[0].data()));
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->dbg_level, res_dbg_level);
+    p_utils__stovig_dbg__free_unpacked(d, nullptr);
+}
+
+TEST_F(MomConf, SameRecordTwiceChangesNothingTheSecondTime)
+{
+    log = std::make_unique<log_capture>();
+    int32_t saved_type = res_disk_type;
+    res_disk_type = 0; /* raw NAND: the lifetime interval is kept, no probe */
+    io_interval = RES_IO_INTERVAL_DEF;
+    ro_interval = RES_RO_INTERVAL_DEF;
+    cap_interval = RES_CAP_INTERVAL_DEF;
+    disk_interval = RES_DISK_INTERVAL_DEF;
+    PUtils__StovigSmplIntrl c = current_conf();
+    c.io_intr = static_cast<uint32_t>(io_interval + 10);
+    c.io_thrshd = 33;
+    c.part_ro_intr = static_cast<uint32_t>(ro_interval + 10);
+    c.part_cap_intr = static_cast<uint32_t>(cap_interval + 10);
+    c.part_cap_thrshd = 150; /* stored without a range check */
+    c.dsk_lf_intr = static_cast<uint32_t>(disk_interval + 10);
+    c.dsk_lf_thrshd = 7;
+    int32_t old_io_thr = io_threshold;
+    res_mom_conf_chg(&c);
+    EXPECT_EQ(io_interval, static_cast<int32_t>(c.io_intr));
+    EXPECT_EQ(io_threshold, 33);
+    EXPECT_EQ(ro_interval, static_cast<int32_t>(c.part_ro_intr));
+    EXPECT_EQ(cap_interval, static_cast<int32_t>(c.part_cap_intr));
+    EXPECT_EQ(cap_threshold, 150);
+    EXPECT_EQ(disk_interval, static_cast<int32_t>(c.dsk_lf_intr));
+    EXPECT_EQ(disk_threshold, 7);
+    EXPECT_TRUE(log->has("reset io threshold from " + std::to_string(old_io_thr) + " to 33."));
+    EXPECT_TRUE(log->has("reset io interval from"));
+    EXPECT_EQ(log->count("reset cap threshold from"), 2); /* capacity and lifetime */
+    log->clear();
+    res_mom_conf_chg(&c);
+    EXPECT_EQ(log->text(), "");
+    res_disk_type = saved_type;
+}
+
+TEST_F(MomConf, DebugOffOfKindTwoTurnsTheLevelOffAndPublishesIt)
+{
+    ASSERT_EQ(start("node_type = 2\nrole = 1\n"), 0);
+    ASSERT_TRUE(run_until([] { return (res_mom_conn_flag & RES_MOM_CONN_DEV_READY) != 0; }));
+    ASSERT_TRUE(run_until([] { return res_local_node.role == 1; }));
+    PUtils__StovigDbg pat = P_UTILS__STOVIG_DBG__INIT;
+    res_debug_off(1); /* another kind: nothing */
+    EXPECT_EQ(res_dbg_level, 5u);
+    EXPECT_TRUE(records(QN_MOM_DEV_DB, &pat.base).empty());
+    res_debug_off(2);
+    EXPECT_EQ(res_dbg_level, 0u);
+    std::vector<std::string> got = records(QN_MOM_DEV_DB, &pat.base);
+    ASSERT_EQ(got.size(), 1u);
+    PUtils__StovigDbg *d =
+        p_utils__stovig_dbg__unpack(nullptr, got[0].size(), reinterpret_cast<const uint8_t *>(got[0].data()));
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->dbg_level, 0u);
+    p_utils__stovig_dbg__free_unpacked(d, nullptr);
+}
+
+TEST_F(MomConf, LifetimeThresholdOutOfRangeIsIgnoredButIoThresholdZeroIsStored)
+{
+    log = std::make_unique<log_capture>();
+    disk_threshold = 12;
+    for (uint32_t bad : {0u, 61u}) {
+        PUtils__StovigSmplIntrl c = current_conf();
+        c.dsk_lf_thrshd = bad;
+        res_mom_conf_chg(&c);
+        EXPECT_EQ(disk_threshold, 12) << bad;
+    }
+    PUtils__StovigSmplIntrl c = current_conf();
+    c.dsk_lf_thrshd = 60;
+    c.io_thrshd = 0;
+    res_mom_conf_chg(&c);
+    EXPECT_EQ(disk_threshold, 60);
+    EXPECT_EQ(io_threshold, 0);
+    /* A closed interval travels as -100 in an unsigned field. */
+    c = current_conf();
+    c.io_intr = static_cast<uint32_t>(RES_MON_CLOSED);
+    res_mom_conf_chg(&c);
+    EXPECT_EQ(io_interval, RES_MON_CLOSED);
+}
+
+TEST_F(MomConf, NonMasterAppliesTheRecordAtSubscriptionAndOnChange)
+{
+    PUtils__Nodeindex zero = P_UTILS__NODEINDEX__INIT;
+    PUtils__StovigSmplIntrl c = current_conf();
+    c.index = &zero;
+    c.part_cap_thrshd = 66;
+    ASSERT_EQ(qn_mom_hmset(bus(), QN_MOM_DEV_DB, &c.base, 0, 0), 0);
+    ASSERT_EQ(start("node_type = 3\nrole = 2\n"), 0);
+    ASSERT_TRUE(run_until([] { return cap_threshold == 66; }));
+    c.part_cap_thrshd = 77;
+    c.io_thrshd = 5;
+    ASSERT_EQ(qn_mom_hmset(bus(), QN_MOM_DEV_DB, &c.base, 0, 0), 0);
+    ASSERT_TRUE(run_until([] { return cap_threshold == 77 && io_threshold == 5; }));
+}
+
+} // namespace
