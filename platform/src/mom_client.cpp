@@ -38,7 +38,6 @@ std::set<const qn_mom_client *> &live_clients()
     return s;
 }
 
-std::string current_module = "?";
 
 } // namespace
 
@@ -55,6 +54,7 @@ struct qn_mom_client : mom_hooks {
     bool was_up = false;        /* the transport has been up once */
     bool down_since_up = false;
 
+    const char *module_name() const override { return module.c_str(); }
     void transport_up() override;
     void transport_down() override;
     void transport_change(char op, const std::string &key, const std::string &old_bytes,
@@ -70,11 +70,11 @@ struct qn_mom_client : mom_hooks {
     }
 };
 
-void mom_log(const char *fmt, ...)
+void mom_log(const char *module, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    fprintf(stderr, "qn_mom[%s]: ", current_module.c_str());
+    fprintf(stderr, "qn_mom[%s]: ", module);
     vfprintf(stderr, fmt, ap);
     fputc('\n', stderr);
     fflush(stderr);
@@ -113,7 +113,7 @@ int run_delivery(qn_thread *t)
 void queue(qn_mom_client *c, delivery *d)
 {
     if (!qn_thread_add_event(c->master, run_delivery, d, 0, "qn_mom_reply")) {
-        mom_log("cannot queue a reply, dropped");
+        mom_log(c->module.c_str(), "cannot queue a reply, dropped");
         if (d->res.value)
             protobuf_c_message_free_unpacked(d->res.value, nullptr);
         delete d;
@@ -133,12 +133,13 @@ delivery *make(qn_mom_client *c, uint64_t sub_id, qn_mom_cb_t cb, void *ctx, uin
 }
 
 /* Decodes bytes as desc; null (logged with the key) when they do not. */
-ProtobufCMessage *decode(const ProtobufCMessageDescriptor *desc, const std::string &key, const std::string &bytes)
+ProtobufCMessage *decode(const qn_mom_client *c, const ProtobufCMessageDescriptor *desc, const std::string &key,
+                         const std::string &bytes)
 {
     ProtobufCMessage *m = protobuf_c_message_unpack(desc, nullptr, bytes.size(),
                                                     reinterpret_cast<const uint8_t *>(bytes.data()));
     if (!m)
-        mom_log("value under key %s does not decode as %s (%zu bytes), dropped", key.c_str(), desc->name,
+        mom_log(c->module.c_str(), "value under key %s does not decode as %s (%zu bytes), dropped", key.c_str(), desc->name,
                 bytes.size());
     return m;
 }
@@ -271,7 +272,7 @@ void qn_mom_client::announce_connects()
 void qn_mom_client::transport_up()
 {
     if (was_up && down_since_up) {
-        mom_log("link to the store is back, %zu subscriptions stand again", subs.size());
+        mom_log(module.c_str(), "link to the store is back, %zu subscriptions stand again", subs.size());
         for (auto &[db, cb] : reconnects)
             if (connects.count(db) && connects[db].announced)
                 queue_connect(this, db, QN_MOM_RECONNECT_LINK);
@@ -284,7 +285,7 @@ void qn_mom_client::transport_up()
 void qn_mom_client::transport_down()
 {
     if (!down_since_up)
-        mom_log("link to the store lost, retrying");
+        mom_log(module.c_str(), "link to the store lost, retrying");
     down_since_up = true;
 }
 
@@ -309,7 +310,7 @@ void qn_mom_client::transport_change(char op, const std::string &key, const std:
         int type = op == 'D' ? QN_MOM_REPLY_DEL : op == 'H' ? QN_MOM_REPLY_HSET : QN_MOM_REPLY_SET;
         ProtobufCMessage *value = nullptr;
         if (op != 'D') {
-            value = decode(s.desc, key, new_bytes);
+            value = decode(this, s.desc, key, new_bytes);
             if (!value)
                 continue;
         }
@@ -330,7 +331,6 @@ qn_mom_client_t *qn_mom_client_init(const char *module, qn_thread_master *master
     const qn_platform_config *cfg = qn_platform_config_get();
     if (!cfg)
         return nullptr;
-    current_module = module;
     auto *c = new qn_mom_client;
     c->module = module;
     c->master = master;
@@ -415,7 +415,7 @@ int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern
         if (!live_clients().count(c))
             return;
         for (const mom_entry &e : entries) {
-            ProtobufCMessage *value = decode(desc, e.key, e.bytes);
+            ProtobufCMessage *value = decode(c, desc, e.key, e.bytes);
             if (!value)
                 continue;
             delivery *d = make(c, 0, cb, ctx, db, QN_MOM_REPLY_SCAN);

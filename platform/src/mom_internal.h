@@ -41,6 +41,7 @@ struct mom_transport;
 /* Hooks of the common client, called by the transports from the loop. */
 struct mom_hooks {
     virtual ~mom_hooks() = default;
+    virtual const char *module_name() const = 0;
     virtual void transport_up() = 0;
     virtual void transport_down() = 0;
     /* op: 'S' set, 'H' field set, 'D' delete; old/new empty when absent */
@@ -67,6 +68,6 @@ std::unique_ptr<mom_transport> mom_redis_create(mom_hooks *hooks, struct qn_thre
                                                 const std::string &password);
 
 /* Diagnostics of the client go to stderr, one line each, "qn_mom[<module>]: ". */
-void mom_log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void mom_log(const char *module, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 #endif

@@ -203,11 +203,11 @@ struct redis_tr : mom_transport {
 
     static redis_tr *of(const redisAsyncContext *ac) { return static_cast<redis_tr *>(ac->data); }
 
-    static void on_auth(redisAsyncContext *, void *r, void *)
+    static void on_auth(redisAsyncContext *ac, void *r, void *)
     {
         auto *reply = static_cast<redisReply *>(r);
-        if (reply && reply->type == REDIS_REPLY_ERROR)
-            mom_log("redis AUTH refused: %s", reply->str);
+        if (reply && reply->type == REDIS_REPLY_ERROR && ac->data)
+            mom_log(of(ac)->hooks->module_name(), "redis AUTH refused: %s", reply->str);
     }
 
     static void on_connect(const redisAsyncContext *ac, int status)
@@ -286,7 +286,7 @@ struct redis_tr : mom_transport {
         std::string key, old_bytes;
         if ((op != 'S' && op != 'H' && op != 'D') || !take_counted(p, n, &pos, &key) ||
             !take_counted(p, n, &pos, &old_bytes)) {
-            mom_log("malformed change notice on %s, ignored", kChannel);
+            mom_log(t->hooks->module_name(), "malformed change notice on %s, ignored", kChannel);
             return;
         }
         std::string new_bytes(p + pos, n - pos);
@@ -303,7 +303,7 @@ struct redis_tr : mom_transport {
             if (!reply || reply->type != REDIS_REPLY_ARRAY) {
                 error = QN_MOM_ERR_NOTCONN;
                 if (reply && reply->type == REDIS_REPLY_ERROR)
-                    mom_log("%s failed: %s", c->what.c_str(), reply->str);
+                    mom_log(c->tr->hooks->module_name(), "%s failed: %s", c->what.c_str(), reply->str);
             } else {
                 for (size_t i = 0; i + 1 < reply->elements; i += 2) {
                     const redisReply *k = reply->element[i];
@@ -314,7 +314,7 @@ struct redis_tr : mom_transport {
             }
             c->done(error, std::move(entries));
         } else if (reply && reply->type == REDIS_REPLY_ERROR) {
-            mom_log("%s failed: %s", c->what.c_str(), reply->str);
+            mom_log(c->tr->hooks->module_name(), "%s failed: %s", c->what.c_str(), reply->str);
         }
         delete c;
     }
