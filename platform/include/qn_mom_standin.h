@@ -24,6 +24,11 @@ int qn_mom_client_is_up(const qn_mom_client_t *client);
  * config file ([node] devid, phy_slot) unless told otherwise here. */
 void qn_mom_client_set_node(qn_mom_client_t *client, int32_t devid, int32_t phy_slot);
 
+/* Fault injection (tests): subscriptions to records of `full_name` made by
+ * any client of this process fail with `error` (0 lifts the fault; a null
+ * name lifts every fault). */
+void qn_mom_refuse_subscriptions(const char *full_name, int error);
+
 /* Forgets every record of the in-process store (tests). */
 void qn_mom_embedded_reset(void);
 

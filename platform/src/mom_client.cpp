@@ -39,6 +39,13 @@ std::set<const qn_mom_client *> &live_clients()
 }
 
 
+/* Record types whose subscriptions fail, by full name (fault injection). */
+std::map<std::string, int> &refused_types()
+{
+    static std::map<std::string, int> m;
+    return m;
+}
+
 } // namespace
 
 struct qn_mom_client : mom_hooks {
@@ -235,6 +242,9 @@ int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pa
         return QN_MOM_ERR_PARAM;
     if (c->connects.empty())
         return QN_MOM_ERR_NOTCONN;
+    auto refused = refused_types().find(pattern->descriptor->name);
+    if (refused != refused_types().end())
+        return refused->second;
     subscription s;
     s.id = c->next_sub_id++;
     s.db = db;
@@ -456,6 +466,16 @@ int qn_mom_unsubscribe(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *
         return QN_MOM_ERR_PARAM;
     queue(c, make(c, 0, cb, ctx, db, QN_MOM_REPLY_UNSUBSCRIBED));
     return 0;
+}
+
+void qn_mom_refuse_subscriptions(const char *full_name, int error)
+{
+    if (!full_name)
+        refused_types().clear();
+    else if (error)
+        refused_types()[full_name] = error;
+    else
+        refused_types().erase(full_name);
 }
 
 void qn_mom_client_free(qn_mom_client_t *c)

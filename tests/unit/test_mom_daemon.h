@@ -33,6 +33,7 @@ protected:
     void TearDown() override
     {
         res_mom_timers_cancel();
+        qn_mom_refuse_subscriptions(nullptr, 0);
         if (res_mom_client)
             qn_mom_client_free(res_mom_client);
         res_mom_client = nullptr;

@@ -84,6 +84,32 @@ TEST_F(MomMainTest, MasterLearnsItsIdentityAndSubscribesToEveryRecordKind)
     EXPECT_EQ(res_mom_sub_flag & (RES_MOM_SUB_CONF | RES_MOM_SUB_DBG), 0u);
 }
 
+TEST_F(MomMainTest, MasterTimerRetriesAFailingSubscriptionForeverAndKeepsConfigurationUnsubscribed)
+{
+    qn_mom_refuse_subscriptions("p_utils.stovig_disk_info", QN_MOM_ERR_NOTCONN);
+    ASSERT_EQ(start("node_type = 2\nrole = 1\n"), 0);
+    ASSERT_TRUE(run_until([this] { return log->count("handle master process.") >= 2; }));
+    EXPECT_TRUE(log->has("not all master sub operation is ready."));
+    const uint32_t others = RES_MOM_SUB_CARD | RES_MOM_SUB_IO | RES_MOM_SUB_RO | RES_MOM_SUB_VOL;
+    EXPECT_EQ(res_mom_sub_flag & others, others);
+    EXPECT_EQ(res_mom_sub_flag & RES_MOM_SUB_DISK, 0u);
+    int runs = log->count("handle master process.");
+    test_loop_run(30); /* six periods */
+    int later = log->count("handle master process.");
+    EXPECT_GE(later - runs, 4);
+    EXPECT_LE(later - runs, 7);
+    EXPECT_EQ(res_mom_sub_flag & (RES_MOM_SUB_CONF | RES_MOM_SUB_DBG), 0u);
+    EXPECT_EQ(log->count("unsubscribe PUtils__StovigSmplIntrl success"), 1);
+    EXPECT_EQ(log->count("SUB handle card_info with ret[0]."), 1); /* standing subscriptions are not redone */
+    /* Once the lifetime subscription stands, the timer stops. */
+    qn_mom_refuse_subscriptions("p_utils.stovig_disk_info", 0);
+    ASSERT_TRUE(run_until([] { return (res_mom_sub_flag & RES_MOM_SUB_DISK) != 0; }));
+    test_loop_run(10);
+    int stopped = log->count("handle master process.");
+    test_loop_run(30);
+    EXPECT_EQ(log->count("handle master process."), stopped);
+}
+
 TEST_F(MomMainTest, RoleZeroLeavesRoleUnsetAndTheDevinfoTimerRunning)
 {
     ASSERT_EQ(start("node_type = 2\nrole = 0\n"), 0);
