@@ -129,10 +129,22 @@ class DaemonCliTest(unittest.TestCase):
                          "Storage Capacity Monitor:     Opened\nStorage Capacity Interval:    90 Seconds\n"
                          "Storage Capacity Threshold:   85%\n\n")
 
-    def test_debug_command(self):
+    def test_debug_command_publishes_a_change_once(self):
         self.assertEqual(self.cli("debug stovig"), (0, "Set stovig debug to 3\n", ""))
+        self.assertEqual(self.cli("debug stovig"), (0, "Set stovig debug to 3\n", ""))
+        self.assertTrue(self.node.wait_log("SEND debug from mom with ret[0]"))
+        self.assertEqual(self.node.log_text().count("SEND debug from mom with ret[0]"), 1)
         self.assertEqual(self.cli("debug stovig 5")[1], "Set stovig debug to 5\n")
         self.assertEqual(self.cli("no debug stovig")[1], "Set stovig debug to 0\n")
+
+    def test_oversized_and_binary_input_is_refused_and_the_daemon_serves_on(self):
+        p = subprocess.run([SHELL], env=self.node.env, capture_output=True, timeout=20,
+                           input=b"show storage " + b"x" * (1 << 20) + b"\nshow storage \x01\xfe io set\n")
+        self.assertEqual(p.returncode, 1)
+        self.assertIn(b"% Command line too long", p.stderr)
+        self.assertIn(b"% Invalid characters in command line.", p.stderr)
+        self.assertEqual(self.cli("show storage io set")[0], 0)
+        self.assertIsNone(self.node.proc.poll())
 
     def test_show_storage_on_a_box_without_samples(self):
         # the identity is learnt within a devinfo period (5 s)

@@ -1,0 +1,127 @@
+"""show storage all-info on a box: the real daemon on a fixture tree (an eMMC
+disk in diskstats, its EXT_CSD dump and power-on time) with /data a 4 MiB
+tmpfs in a private mount namespace, so that every figure is known; its
+records travel over the embedded bus into its own node store."""
+
+import os
+import shutil
+import stat
+import struct
+import subprocess
+import unittest
+
+from stovig_proc import DAEMON, BIN_DIR, Node, TempDir, wait_for
+
+SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
+MOUNT = shutil.which("mount", path="/usr/bin:/bin")
+CONFIG = "[loop]\nsecond_ms = 50\n"
+
+
+def f32(x):
+    return struct.unpack("f", struct.pack("f", x))[0]
+
+
+class ShowBox(unittest.TestCase):
+    def setUp(self):
+        if os.geteuid() != 0 or shutil.which("unshare") is None or MOUNT is None:
+            self.skipTest("needs root, unshare and mount for a private tmpfs")
+        probe = subprocess.run(["unshare", "-m", "true"], capture_output=True)
+        if probe.returncode != 0:
+            self.skipTest("mount namespaces unavailable: %s" % probe.stderr.decode().strip())
+        self.tmp = TempDir(prefix="scli-box-")
+        self.root = os.path.join(self.tmp.path, "root")
+        csd = ["0"] * 1024
+        csd[537] = "1"  # DEVICE_LIFE_TIME_EST_TYP_A = 0x01: 5 % worn
+        files = {
+            "/proc/mounts": "/dev/mmcblk0p2 / ext4 rw 0 0\ntmpfs /data tmpfs rw 0 0\n",
+            "/proc/uptime": "1000.00 10.00\n",
+            "/proc/diskstats": " 179       0 mmcblk0 100 0 2000 50 300 0 6000 900 0 800 950 0 0 0 0 0 0\n"
+                               " 179       2 mmcblk0p2 100 0 2000 50 300 0 6000 900 0 800 950 0 0 0 0 0 0\n",
+            "/sys/kernel/debug/mmc0/mmc0:0001/ext_csd": "".join(csd) + "\n",
+            "/etc/mtab": "",
+        }
+        for rel, text in files.items():
+            os.makedirs(os.path.dirname(self.root + rel), exist_ok=True)
+            with open(self.root + rel, "w") as f:
+                f.write(text)
+        os.makedirs(self.root + "/sys/block/mmcblk0")
+        os.makedirs(self.root + "/data")
+        # mount and umount of the debugfs remount only record their calls.
+        self.bindir = os.path.join(self.tmp.path, "bin")
+        os.makedirs(self.bindir)
+        for tool in ("mount", "umount"):
+            path = os.path.join(self.bindir, tool)
+            with open(path, "w") as f:
+                f.write("#!/bin/sh\nexit 0\n")
+            os.chmod(path, stat.S_IRWXU)
+        self.node = Node(self.tmp.path, "box", config=CONFIG, root=self.root,
+                         env={"PATH": self.bindir + ":" + os.environ["PATH"]})
+
+    def tearDown(self):
+        if hasattr(self, "node"):
+            self.node.stop()
+            self.tmp.cleanup()
+
+    def start_in_namespace(self):
+        script = ('%s -t tmpfs -o size=4m tmpfs "$STOVIG_ROOT/data" && '
+                  'printf 25920000 > "$STOVIG_ROOT/data/.uptime" && exec "%s"' % (MOUNT, DAEMON))
+        self.node.proc = subprocess.Popen(["unshare", "-m", "--propagation", "private", "sh", "-c", script],
+                                          env=self.node.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                          start_new_session=True)
+
+    def cli(self, *commands):
+        args = [SHELL]
+        for c in commands:
+            args += ["-c", c]
+        p = subprocess.run(args, env=self.node.env, capture_output=True, timeout=20)
+        return p.returncode, p.stdout.decode(), p.stderr.decode()
+
+    def test_all_info_line_by_line(self):
+        self.start_in_namespace()
+        # Ready once the lifetime pass has been saved and a later I/O tick
+        # compared two equal samples.
+        ok = wait_for(lambda: "Storage Name:               emmc" in self.cli("show storage all-info")[1]
+                      and " 0.00%" in self.cli("show storage io")[1], timeout=30)
+        out = self.cli("show storage all-info")[1]
+        self.assertTrue(ok, out + self.node.log_text()[-3000:])
+        total_kb = 1024 * 4096 // 1000           # 4 MiB of 4 KiB blocks, in units of 1000 bytes
+        used_kb = 4096 // 1000                   # the one block of .uptime
+        rate = f32(f32(used_kb) / f32(total_kb)) * 100.0
+        want = [
+            "===============================================",
+            "[slot1 : box]",
+            "",
+            "Storage I/O information:",
+            "---------------------------------------------------------------",
+            " Device      Read(KB/S)      Write(KB/S)      Util      Status",
+            " mmcblk0          0.00             0.00      0.00%      Normal",
+            "",
+            " Process I/O information is not ready, please wait and try again.",
+            "",
+            "Storage read-only information:",
+            "----------------------",
+            " Name          Status",
+            " flash            R/W",
+            "",
+            "Storage cpacity information:",
+            "--------------------------------------------------------------",
+            " Name       Total(KB)       Used(KB)    Used Rate      Status",
+            " %-8s%11d    %11d       %6.2f%%  %10s" % ("flash", total_kb, used_kb, rate, "Normal"),
+            "",
+            "Storage lifetime information:",
+            "Storage Name:               emmc",
+            "Storage Lifetime Left:      190 months",
+            "Storage Lifetime Threshold: 12 months",
+            "Storage Status:             Normal",
+            "",
+            "",
+        ]
+        got = out.split("\n")
+        self.assertEqual(got[-1], "")
+        for number, (g, w) in enumerate(zip(got[:-1], want), 1):
+            self.assertEqual(g, w, "line %d differs:\n%s" % (number, out))
+        self.assertEqual(len(got) - 1, len(want), out)
+
+
+if __name__ == "__main__":
+    unittest.main()
