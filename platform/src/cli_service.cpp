@@ -7,6 +7,7 @@
 #include "qn_cli.h"
 #include "qn_cli_parse.h"
 #include "qn_cli_proto.h"
+#include "qn_cli_standin.h"
 #include "qn_platform_config.h"
 
 #include <sys/socket.h>
@@ -519,3 +520,12 @@ int sys_add_debug(const char *, int, int, int, void (*off)(int), int)
 }
 
 } // extern "C"
+
+int qn_cli_standin_run(const std::string &line, bool config_mode, std::string *out)
+{
+    if (!svc || !out)
+        return 1;
+    session s;
+    s.mode = config_mode ? MODE_CONFIG : MODE_EXEC;
+    return run_line(s, line, *out);
+}
