@@ -95,7 +95,9 @@ TEST_F(Timers, CallbackReArmsItsOwnSlot)
 {
     memset(&rearm_slot, 0, sizeof rearm_slot);
     ASSERT_EQ(0, res_misc_add_timer(&rearm_slot, rearm_cb, 1, "R"));
-    test_loop_run(5);
+    /* a loaded machine may stretch the timer seconds: wait for the count */
+    for (int i = 0; i < 500 && fired < 3; ++i)
+        test_loop_run(1);
     EXPECT_GE(fired, 3);
     res_misc_del_timer(&rearm_slot);
 }
