@@ -66,6 +66,25 @@ void res_mom_log_node_list(void)
     RES_VERBOSE("local_list now:%s", text);
 }
 
+/* The entry of `list` whose key equals the first `length` characters of
+ * `name` (same length), or a new zeroed one appended at the tail with the key
+ * copied in; null only when it cannot be allocated. */
+template <typename T, size_t N>
+T *res_mom_find_or_add(struct res_list_head *list, char (T::*key)[N], const char *name, int length)
+{
+    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
+        T *e = res_list_entry(pos, T, list);
+        if (res_mom_key_match(e->*key, name, length))
+            return e;
+    }
+    T *e = static_cast<T *>(calloc(1, sizeof(T)));
+    if (!e)
+        return nullptr;
+    res_mom_copy_key(e->*key, N, name, length);
+    res_list_add_tail(&e->list, list);
+    return e;
+}
+
 } // namespace
 
 int res_mom_data_init(void)
@@ -191,6 +210,13 @@ int res_mom_clear_node_by_index(const int32_t *index)
     return 0;
 }
 
+void res_mom_fill_local_index(PUtils__Nodeindex *index)
+{
+    index->t_devid = res_local_node.devid;
+    index->t_slotid = res_local_node.slotid;
+    index->t_sslotid = res_local_node.sslotid;
+}
+
 struct res_mom_disk_io_node *res_mom_get_disk_io_node_by_name(struct res_list_head *list, const char *name,
                                                               int length)
 {
@@ -198,18 +224,9 @@ struct res_mom_disk_io_node *res_mom_get_disk_io_node_by_name(struct res_list_he
         RES_ERR("param null.");
         return nullptr;
     }
-    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
-        auto *e = res_list_entry(pos, struct res_mom_disk_io_node, list);
-        if (res_mom_key_match(e->disk_name, name, length))
-            return e;
-    }
-    auto *e = static_cast<struct res_mom_disk_io_node *>(calloc(1, sizeof(struct res_mom_disk_io_node)));
-    if (!e) {
+    auto *e = res_mom_find_or_add(list, &res_mom_disk_io_node::disk_name, name, length);
+    if (!e)
         RES_ERR("malloc node failed.");
-        return nullptr;
-    }
-    res_mom_copy_key(e->disk_name, sizeof e->disk_name, name, length);
-    res_list_add_tail(&e->list, list);
     return e;
 }
 
@@ -220,18 +237,9 @@ struct res_mom_lifetime_node *res_mom_get_lifetime_node_by_name(struct res_list_
         RES_ERR("param null.");
         return nullptr;
     }
-    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
-        auto *e = res_list_entry(pos, struct res_mom_lifetime_node, list);
-        if (res_mom_key_match(e->disk_name, name, length))
-            return e;
-    }
-    auto *e = static_cast<struct res_mom_lifetime_node *>(calloc(1, sizeof(struct res_mom_lifetime_node)));
-    if (!e) {
+    auto *e = res_mom_find_or_add(list, &res_mom_lifetime_node::disk_name, name, length);
+    if (!e)
         RES_ERR("malloc node failed.");
-        return nullptr;
-    }
-    res_mom_copy_key(e->disk_name, sizeof e->disk_name, name, length);
-    res_list_add_tail(&e->list, list);
     return e;
 }
 
@@ -243,18 +251,9 @@ struct res_mom_part_node *res_mom_get_part_node_by_path(struct res_list_head *li
     }
     if (length == 0)
         return nullptr;
-    for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
-        auto *e = res_list_entry(pos, struct res_mom_part_node, list);
-        if (res_mom_key_match(e->part_path, path, length))
-            return e;
-    }
-    auto *e = static_cast<struct res_mom_part_node *>(calloc(1, sizeof(struct res_mom_part_node)));
-    if (!e) {
+    auto *e = res_mom_find_or_add(list, &res_mom_part_node::part_path, path, length);
+    if (!e)
         RES_ERR("malloc node failed.");
-        return nullptr;
-    }
-    res_mom_copy_key(e->part_path, sizeof e->part_path, path, length);
-    res_list_add_tail(&e->list, list);
     return e;
 }
 

@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 
 #include "proto/p_utils.pb-c.h"
 
@@ -128,6 +129,25 @@ int res_mom_add_node_info_list(struct res_mom_node *node);
 struct res_mom_node *res_mom_get_node_by_index2(const int32_t *index);
 struct res_mom_node *res_mom_get_node_by_index(const PUtils__Nodeindex *index);
 int res_mom_clear_node_by_index(const int32_t *index);
+/* Fills a record's index with the local node's identity (t_extend stays 0). */
+void res_mom_fill_local_index(PUtils__Nodeindex *index);
+
+/* After a record is saved: frees the entries that it did not mark as seen and
+ * clears the mark on the others. */
+template <typename T> void res_mom_sweep_seen(struct res_list_head *list)
+{
+    struct res_list_head *pos, *n;
+    res_list_for_each_safe(pos, n, list)
+    {
+        T *e = res_list_entry(pos, T, list);
+        if (!e->seen) {
+            res_list_del(&e->list);
+            free(e);
+        } else {
+            e->seen = 0;
+        }
+    }
+}
 
 struct res_mom_disk_io_node *res_mom_get_disk_io_node_by_name(struct res_list_head *list, const char *name,
                                                               int length);

@@ -80,9 +80,7 @@ int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
                 e->disk_name, row->disk_used_time, row->left_life, e->ltime_flag);
     }
     if (complete && (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY)) {
-        message->index->t_devid = res_local_node.devid;
-        message->index->t_slotid = res_local_node.slotid;
-        message->index->t_sslotid = res_local_node.sslotid;
+        res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
         message->info = entries;
         RES_DBG("qn_mom_set disk info begin");
@@ -154,17 +152,7 @@ int res_mom_save_disk_lft(int event, void *value)
         d->flag = e->ltime_flag;
         d->seen = 1;
     }
-    struct res_list_head *pos, *n;
-    res_list_for_each_safe(pos, n, &node->lifetime_list)
-    {
-        auto *d = res_list_entry(pos, struct res_mom_lifetime_node, list);
-        if (!d->seen) {
-            res_list_del(&d->list);
-            free(d);
-        } else {
-            d->seen = 0;
-        }
-    }
+    res_mom_sweep_seen<struct res_mom_lifetime_node>(&node->lifetime_list);
     return 0;
 }
 

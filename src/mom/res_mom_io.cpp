@@ -157,9 +157,7 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
     }
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
-        message->index->t_devid = res_local_node.devid;
-        message->index->t_slotid = res_local_node.slotid;
-        message->index->t_sslotid = res_local_node.sslotid;
+        res_mom_fill_local_index(message->index);
         message->n_disk_io_info = n_disks;
         message->disk_io_info = disks;
         message->n_proc_io_info = n_procs;
@@ -217,17 +215,7 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
         d->io_util = e->io_util;
         d->seen = 1;
     }
-    struct res_list_head *pos, *nx;
-    res_list_for_each_safe(pos, nx, &node->disk_io_list)
-    {
-        auto *d = res_list_entry(pos, struct res_mom_disk_io_node, list);
-        if (!d->seen) {
-            res_list_del(&d->list);
-            free(d);
-        } else {
-            d->seen = 0;
-        }
-    }
+    res_mom_sweep_seen<struct res_mom_disk_io_node>(&node->disk_io_list);
     return 0;
 }
 

@@ -82,22 +82,6 @@ int32_t res_mom_part_rows(int32_t count)
     return count < RES_PART_NUM ? count : RES_PART_NUM;
 }
 
-/* Drops the partitions the last record did not carry and unmarks the rest. */
-void res_mom_part_sweep(struct res_list_head *list)
-{
-    struct res_list_head *pos, *n;
-    res_list_for_each_safe(pos, n, list)
-    {
-        auto *p = res_list_entry(pos, struct res_mom_part_node, list);
-        if (!p->seen) {
-            res_list_del(&p->list);
-            free(p);
-        } else {
-            p->seen = 0;
-        }
-    }
-}
-
 /* The record carried by a subscription or scan reply, or null. */
 const ProtobufCMessage *res_mom_part_reply_record(const qn_mom_reply_t *reply)
 {
@@ -183,9 +167,7 @@ int res_mom_part_vol_set(PUtils__StovigPartInfo *message, int32_t count)
     int32_t rows = res_mom_part_rows(count);
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
-        message->index->t_devid = res_local_node.devid;
-        message->index->t_slotid = res_local_node.slotid;
-        message->index->t_sslotid = res_local_node.sslotid;
+        res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
         message->info = reinterpret_cast<PUtils__PartInfo **>(entries);
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
@@ -206,9 +188,7 @@ int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
     int32_t rows = res_mom_part_rows(count);
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
-        message->index->t_devid = res_local_node.devid;
-        message->index->t_slotid = res_local_node.slotid;
-        message->index->t_sslotid = res_local_node.sslotid;
+        res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
         message->info = reinterpret_cast<PUtils__PartRo **>(entries);
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
@@ -264,7 +244,7 @@ int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInf
         p->vol_visible = e->vol_visible;
         p->seen = 1;
     }
-    res_mom_part_sweep(&node->part_list);
+    res_mom_sweep_seen<struct res_mom_part_node>(&node->part_list);
     return 0;
 }
 
@@ -318,7 +298,7 @@ int res_mom_save_part_ro(struct res_mom_node *node, const PUtils__StovigPartRo *
         p->ro_visible = e->ro_visible;
         p->seen = 1;
     }
-    res_mom_part_sweep(&node->part_list);
+    res_mom_sweep_seen<struct res_mom_part_node>(&node->part_list);
     return 0;
 }
 
