@@ -18,12 +18,20 @@ bool res_mom_apply_dbg(const PUtils__StovigDbg *dbg)
     return res_set_debug_level(dbg->dbg_level) == 0;
 }
 
-int res_mom_dev_db_handler(uint32_t op, bool dbg)
+/* The two record kinds share their handler and callbacks; their lines carry
+ * the name of the entry point that was called (res_mom_conf_handler,
+ * res_mom_sub_dbg_cb, ...). */
+#define RES_CONF_ERR(fmt, ...) \
+    res_log(RES_CH_BOTH, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, RES_SRC_FILE, fn, __LINE__, fmt, ##__VA_ARGS__)
+#define RES_CONF_DBG(fmt, ...) \
+    res_log(RES_CH_BOTH, RES_GATE_DBG, QN_ZLOG_LEVEL_DEBUG, RES_SRC_FILE, fn, __LINE__, fmt, ##__VA_ARGS__)
+
+int res_mom_dev_db_handler(const char *fn, uint32_t op, bool dbg)
 {
     if (!RES_MOM_OP_VALID(op))
         return -1;
     if (!(res_mom_conn_flag & RES_MOM_CONN_DEV_READY)) {
-        RES_ERR("QN_MOM_DEV_DB is not connect ready.");
+        RES_CONF_ERR("QN_MOM_DEV_DB is not connect ready.");
         return -1;
     }
     PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
@@ -38,7 +46,7 @@ int res_mom_dev_db_handler(uint32_t op, bool dbg)
     switch (op) {
     case RES_MOM_OP_SEND:
         if (res_local_node.role != P_DEV__DM_ROLE_E__DM_ROLE_MASTER) {
-            RES_DBG("current node is not master, ignore send conf.");
+            RES_CONF_DBG("current node is not master, ignore send conf.");
             ret = 0;
             break;
         }
@@ -69,71 +77,71 @@ int res_mom_dev_db_handler(uint32_t op, bool dbg)
         break;
     }
     if (dbg)
-        RES_DBG("%s debug from mom with ret[%d]", res_mom_op_name[op], ret);
+        RES_CONF_DBG("%s debug from mom with ret[%d]", res_mom_op_name[op], ret);
     else
-        RES_DBG("%s conf from mom with ret[%d]", res_mom_op_name[op], ret);
+        RES_CONF_DBG("%s conf from mom with ret[%d]", res_mom_op_name[op], ret);
     return ret;
 }
 
-int res_mom_sub_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
+int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
 {
     if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+        RES_CONF_ERR("msg is invalid.");
         return -1;
     }
     uint32_t bit = dbg ? RES_MOM_SUB_DBG : RES_MOM_SUB_CONF;
     switch (reply->type) {
     case RES_MOM_KIND_SUBSCRIBED:
-        RES_DBG(dbg ? "subscribe PUtils__StovigDbg success" : "subscribe PUtils__StovigSmplIntrl success");
+        RES_CONF_DBG(dbg ? "subscribe PUtils__StovigDbg success" : "subscribe PUtils__StovigSmplIntrl success");
         res_mom_sub_flag |= bit;
         /* Fetch the current value. */
         return dbg ? res_mom_dbg_handler(RES_MOM_OP_SCAN) : res_mom_conf_handler(RES_MOM_OP_SCAN);
     case RES_MOM_KIND_UNSUBSCRIBED:
-        RES_DBG(dbg ? "unsubscribe PUtils__StovigDbg success" : "unsubscribe PUtils__StovigSmplIntrl success");
+        RES_CONF_DBG(dbg ? "unsubscribe PUtils__StovigDbg success" : "unsubscribe PUtils__StovigSmplIntrl success");
         res_mom_sub_flag &= ~bit;
         return 0;
     case RES_MOM_KIND_VALUE:
     case RES_MOM_KIND_VALUE_FIELDS:
         if (!reply->res || reply->res->error) {
-            RES_ERR("res is invalid.");
+            RES_CONF_ERR("res is invalid.");
             return -1;
         }
         if (!reply->res->value) {
-            RES_DBG("get configure from QN_MOM_MONITOR_DB value is NULL.");
+            RES_CONF_DBG("get configure from QN_MOM_MONITOR_DB value is NULL.");
             return 0;
         }
         if (dbg) {
             auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
             if (res_mom_apply_dbg(rec))
-                RES_DBG("set debug mode to %u.", rec->dbg_level);
+                RES_CONF_DBG("set debug mode to %u.", rec->dbg_level);
             return 0;
         }
         res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
         return 0;
     default:
-        RES_ERR("msg is invalid.");
+        RES_CONF_ERR("msg is invalid.");
         return -1;
     }
 }
 
-int res_mom_scan_dev_db_cb(qn_mom_reply_t *reply, bool dbg)
+int res_mom_scan_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
 {
     if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+        RES_CONF_ERR("msg is invalid.");
         return -1;
     }
     if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan over");
+        RES_CONF_DBG("scan over");
         return 0;
     }
     if (!reply->res || !reply->res->value) {
-        RES_DBG("get null obj");
+        RES_CONF_DBG("get null obj");
         return 0;
     }
     if (dbg) {
         auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
         if (res_mom_apply_dbg(rec))
-            RES_DBG("set debug mode to %d.", static_cast<int>(rec->dbg_level));
+            RES_CONF_DBG("set debug mode to %d.", static_cast<int>(rec->dbg_level));
         return 0;
     }
     res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
@@ -188,30 +196,30 @@ int res_mom_dbg_send(void)
 
 int res_mom_conf_handler(uint32_t op)
 {
-    return res_mom_dev_db_handler(op, false);
+    return res_mom_dev_db_handler(__func__, op, false);
 }
 
 int res_mom_dbg_handler(uint32_t op)
 {
-    return res_mom_dev_db_handler(op, true);
+    return res_mom_dev_db_handler(__func__, op, true);
 }
 
 int res_mom_sub_conf_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_sub_dev_db_cb(reply, false);
+    return res_mom_sub_dev_db_cb(__func__, reply, false);
 }
 
 int res_mom_sub_dbg_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_sub_dev_db_cb(reply, true);
+    return res_mom_sub_dev_db_cb(__func__, reply, true);
 }
 
 int res_mom_scan_conf_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_scan_dev_db_cb(reply, false);
+    return res_mom_scan_dev_db_cb(__func__, reply, false);
 }
 
 int res_mom_scan_dbg_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_scan_dev_db_cb(reply, true);
+    return res_mom_scan_dev_db_cb(__func__, reply, true);
 }

@@ -134,6 +134,7 @@ class DaemonCliTest(unittest.TestCase):
         self.assertEqual(self.cli("debug stovig"), (0, "Set stovig debug to 3\n", ""))
         self.assertTrue(self.node.wait_log("SEND debug from mom with ret[0]"))
         self.assertEqual(self.node.log_text().count("SEND debug from mom with ret[0]"), 1)
+        self.assertIn(" res_mom_dbg_handler: SEND debug from mom with ret[0]", self.node.log_text())
         self.assertEqual(self.cli("debug stovig 5")[1], "Set stovig debug to 5\n")
         self.assertEqual(self.cli("no debug stovig")[1], "Set stovig debug to 0\n")
 
