@@ -2,7 +2,7 @@
  * monitors' tables, the master's saving with its flag comparisons, seen marks
  * and sweeps, the operator event lines, the upgrade gate, and the
  * configuration record. */
-#include "test_mom_daemon.h"
+#include "mom_records_fixture.h"
 
 #include "mom/res_mom_conf.h"
 #include "mom/res_mom_disk.h"
@@ -21,87 +21,15 @@
 
 namespace {
 
-/* The bus side plus an event-line capture: a zlog category of its own whose
- * file the test reads back. */
-class RecordsTest : public MomDaemonTest {
+/* Partition and lifetime records; the capacity and lifetime thresholds at
+ * their defaults. */
+class RecordsTest : public MomRecordsFixture {
 protected:
     void SetUp() override
     {
-        MomDaemonTest::SetUp();
-        res_mom_data_init();
-        char tmpl[] = "/tmp/stovig-rec-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        saved_handle = res_zlog_handle;
-        saved_thresholds[0] = cap_threshold;
-        saved_thresholds[1] = disk_threshold;
-        saved_thresholds[2] = io_threshold;
+        MomRecordsFixture::SetUp();
         cap_threshold = 80;
         disk_threshold = 12;
-    }
-
-    void TearDown() override
-    {
-        res_zlog_handle = saved_handle;
-        cap_threshold = saved_thresholds[0];
-        disk_threshold = saved_thresholds[1];
-        io_threshold = saved_thresholds[2];
-        MomDaemonTest::TearDown();
-        std::string cmd = "rm -rf " + dir;
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
-    }
-
-    std::string zlog_config() const { return "file = " + dir + "/zlog.log\n"; }
-
-    /* Diagnostics captured and event lines written to this test's file. */
-    void capture()
-    {
-        log = std::make_unique<log_capture>(zlog_config());
-        open_zlog();
-    }
-    void open_zlog()
-    {
-        static int n;
-        std::string cat = "stovig-rec-" + std::to_string(++n);
-        res_zlog_handle = qn_zlog_init(cat.c_str());
-        ASSERT_NE(res_zlog_handle, nullptr);
-    }
-
-    /* Event lines written under `task`, message text only. */
-    std::vector<std::string> events(const std::string &task) const
-    {
-        std::vector<std::string> out;
-        std::istringstream in(slurp_file(dir + "/zlog.log"));
-        std::string line;
-        std::string mark = " " + task + ": ";
-        while (std::getline(in, line)) {
-            if (line.find(" EVENT ") == std::string::npos)
-                continue;
-            size_t p = line.find(mark);
-            if (p != std::string::npos)
-                out.push_back(line.substr(p + mark.size()));
-        }
-        return out;
-    }
-
-    struct res_mom_node *add_node(int32_t devid, int32_t slot, int32_t user_slot)
-    {
-        struct res_mom_node *n = res_mom_malloc_node_init();
-        EXPECT_NE(n, nullptr);
-        n->devid = devid;
-        n->slotid = slot;
-        n->sslotid = 0;
-        n->user_slot = user_slot;
-        EXPECT_EQ(res_mom_add_node_info_list(n), 0);
-        return n;
-    }
-
-    static int list_len(const struct res_list_head *h)
-    {
-        int n = 0;
-        for (const struct res_list_head *p = h->next; p != h; p = p->next)
-            ++n;
-        return n;
     }
 
     static struct res_mom_part_node *part(struct res_mom_node *n, const char *path)
@@ -113,34 +41,6 @@ protected:
         }
         return nullptr;
     }
-
-    /* Packed copies of the records of one kind in the monitor database. */
-    std::vector<std::string> records(uint32_t db, const ProtobufCMessage *pattern)
-    {
-        static std::vector<std::string> got;
-        static bool over;
-        got.clear();
-        over = false;
-        EXPECT_EQ(qn_mom_scan(bus(), db, pattern, 0,
-                              [](void *, qn_mom_reply_t *r) {
-                                  if (r->scan_state == QN_MOM_SCAN_OVER) {
-                                      over = true;
-                                  } else if (r->res && r->res->value) {
-                                      std::string b(protobuf_c_message_get_packed_size(r->res->value), '\0');
-                                      protobuf_c_message_pack(r->res->value, reinterpret_cast<uint8_t *>(&b[0]));
-                                      got.push_back(b);
-                                  }
-                                  return 0;
-                              },
-                              nullptr),
-                  0);
-        run_until([] { return over; });
-        return got;
-    }
-
-    std::string dir;
-    qn_zlog_category_t *saved_handle = nullptr;
-    int32_t saved_thresholds[3] = {};
 };
 
 /* A capacity or read-only record under construction. */

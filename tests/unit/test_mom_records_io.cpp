@@ -1,7 +1,7 @@
 /* I/O records with the upgrade gate, and the configuration record: the node's
  * publisher reading the device list and the process sample, the master's
  * flag handling, and the settings applied from a received record. */
-#include "test_mom_daemon.h"
+#include "mom_records_fixture.h"
 
 #include "mom/res_mom_conf.h"
 #include "mom/res_mom_io.h"
@@ -18,91 +18,10 @@
 
 namespace {
 
-class IoRecordsTest : public MomDaemonTest {
+class IoRecordsTest : public MomRecordsFixture {
 protected:
-    void SetUp() override
-    {
-        MomDaemonTest::SetUp();
-        res_mom_data_init();
-        char tmpl[] = "/tmp/stovig-rio-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        saved_handle = res_zlog_handle;
-        saved[0] = io_interval;
-        saved[1] = io_threshold;
-        saved[2] = ro_interval;
-        saved[3] = cap_interval;
-        saved[4] = cap_threshold;
-        saved[5] = disk_interval;
-        saved[6] = disk_threshold;
-        res_mon_io_stat_clear();
-        res_mon_io_top_clear();
-    }
-
-    void TearDown() override
-    {
-        res_misc_del_timer(&res_mon_io_thread);
-        res_misc_del_timer(&res_mon_ro_thread);
-        res_misc_del_timer(&res_mon_cap_thread);
-        res_misc_del_timer(&res_mon_disk_thread);
-        io_interval = saved[0];
-        io_threshold = saved[1];
-        ro_interval = saved[2];
-        cap_interval = saved[3];
-        cap_threshold = saved[4];
-        disk_interval = saved[5];
-        disk_threshold = saved[6];
-        res_mon_io_stat_clear();
-        res_mon_io_top_clear();
-        res_zlog_handle = saved_handle;
-        MomDaemonTest::TearDown();
-        std::string cmd = "rm -rf " + dir;
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
-    }
-
-    std::string zlog_config() const { return "file = " + dir + "/zlog.log\n"; }
-
-    void capture()
-    {
-        log = std::make_unique<log_capture>(zlog_config());
-        static int n;
-        std::string cat = "stovig-rio-" + std::to_string(++n);
-        res_zlog_handle = qn_zlog_init(cat.c_str());
-        ASSERT_NE(res_zlog_handle, nullptr);
-    }
-
-    std::vector<std::string> events() const
-    {
-        std::vector<std::string> out;
-        std::istringstream in(slurp_file(dir + "/zlog.log"));
-        std::string line;
-        const std::string mark = " res_disk_io_warning_save_task: ";
-        while (std::getline(in, line)) {
-            size_t p = line.find(mark);
-            if (line.find(" EVENT ") != std::string::npos && p != std::string::npos)
-                out.push_back(line.substr(p + mark.size()));
-        }
-        return out;
-    }
-
-    struct res_mom_node *add_node(int32_t slot, int32_t user_slot)
-    {
-        struct res_mom_node *n = res_mom_malloc_node_init();
-        n->devid = 0;
-        n->slotid = slot;
-        n->sslotid = 0;
-        n->user_slot = user_slot;
-        EXPECT_EQ(res_mom_add_node_info_list(n), 0);
-        return n;
-    }
-
-    static int list_len(const struct res_list_head *h)
-    {
-        int n = 0;
-        for (const struct res_list_head *p = h->next; p != h; p = p->next)
-            ++n;
-        return n;
-    }
+    /* Disk I/O event lines, message text only. */
+    std::vector<std::string> events() const { return MomRecordsFixture::events("res_disk_io_warning_save_task"); }
 
     static struct res_mom_disk_io_node *disk(struct res_mom_node *n, const char *name)
     {
@@ -145,29 +64,6 @@ protected:
         res_mon_io_top_set_current(a);
     }
 
-    std::vector<std::string> records(uint32_t db, const ProtobufCMessage *pattern)
-    {
-        static std::vector<std::string> got;
-        static bool over;
-        got.clear();
-        over = false;
-        EXPECT_EQ(qn_mom_scan(bus(), db, pattern, 0,
-                              [](void *, qn_mom_reply_t *r) {
-                                  if (r->scan_state == QN_MOM_SCAN_OVER) {
-                                      over = true;
-                                  } else if (r->res && r->res->value) {
-                                      std::string b(protobuf_c_message_get_packed_size(r->res->value), '\0');
-                                      protobuf_c_message_pack(r->res->value, reinterpret_cast<uint8_t *>(&b[0]));
-                                      got.push_back(b);
-                                  }
-                                  return 0;
-                              },
-                              nullptr),
-                  0);
-        run_until([] { return over; });
-        return got;
-    }
-
     /* The I/O record published by the local node, unpacked; null if none. */
     PUtils__StovigIo *published_io()
     {
@@ -184,10 +80,6 @@ protected:
         EXPECT_TRUE(run_until([] { return (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) != 0; }));
         return ret;
     }
-
-    std::string dir;
-    qn_zlog_category_t *saved_handle = nullptr;
-    int32_t saved[7] = {};
 };
 
 /* An I/O record under construction. */
@@ -256,7 +148,7 @@ using MomIoSave = IoRecordsTest;
 TEST_F(MomIoSave, NeverWarnedDiskWritesNothingThenOneWarningAndOneRecovery)
 {
     capture();
-    struct res_mom_node *n = add_node(5, 3);
+    struct res_mom_node *n = add_node(0, 5, 3);
     for (int i = 0; i < 3; ++i) {
         io_rec r(5);
         r.dsk("sda", 0, 12);
@@ -283,7 +175,7 @@ TEST_F(MomIoSave, NeverWarnedDiskWritesNothingThenOneWarningAndOneRecovery)
 TEST_F(MomIoSave, OtherFlagValuesAreStoredWithoutALine)
 {
     capture();
-    struct res_mom_node *n = add_node(5, 3);
+    struct res_mom_node *n = add_node(0, 5, 3);
     io_rec r(5);
     r.dsk("sda", 3);
     EXPECT_EQ(res_mom_save_io(r.get()), 0);
@@ -294,7 +186,7 @@ TEST_F(MomIoSave, OtherFlagValuesAreStoredWithoutALine)
 TEST_F(MomIoSave, DisksAndProcessesAreKeptWhenARecordLacksThem)
 {
     capture();
-    struct res_mom_node *n = add_node(5, 3);
+    struct res_mom_node *n = add_node(0, 5, 3);
     io_rec a(5);
     a.dsk("sda", 0).dsk("sdb", 0).proc(7, "dd", "dd if=/dev/zero").proc(8, "sync", "sync");
     ASSERT_EQ(res_mom_save_io(a.get()), 0);
@@ -320,7 +212,7 @@ TEST_F(MomIoSave, DisksAndProcessesAreKeptWhenARecordLacksThem)
 TEST_F(MomIoSave, UnknownNodeAndNullRecordAreOnlyLogged)
 {
     capture();
-    add_node(5, 3);
+    add_node(0, 5, 3);
     io_rec r(6);
     r.dsk("sda", 2);
     EXPECT_EQ(res_mom_save_io(r.get()), 0);
@@ -335,7 +227,7 @@ using MomIoGate = IoRecordsTest;
 TEST_F(MomIoGate, WarningIsHeldDuringAnUpgradeAndWrittenAfterIt)
 {
     capture();
-    struct res_mom_node *n = add_node(5, 3);
+    struct res_mom_node *n = add_node(0, 5, 3);
     PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
     up.status = P_UTILS__UPGRADE_STATUS_E__G_STATUS_UPGRADING;
     ASSERT_EQ(res_mom_save_upgrade_flag(1, &up.base), 0);
@@ -358,7 +250,7 @@ TEST_F(MomIoGate, WarningIsHeldDuringAnUpgradeAndWrittenAfterIt)
 TEST_F(MomIoGate, RecoveryGoesThroughDuringAnUpgrade)
 {
     capture();
-    add_node(5, 3);
+    add_node(0, 5, 3);
     io_rec hi(5);
     hi.dsk("sda", 2);
     ASSERT_EQ(res_mom_save_io(hi.get()), 0);
@@ -375,7 +267,7 @@ TEST_F(MomIoGate, RecoveryGoesThroughDuringAnUpgrade)
 TEST_F(MomIoGate, EitherGateBitAloneHoldsAndClearingOneKeepsTheOther)
 {
     capture();
-    add_node(5, 3);
+    add_node(0, 5, 3);
     PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
     PUtils__IssuNGlobalInfo issu = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
     issu.state = P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_UPGRADING;
