@@ -157,6 +157,30 @@ void **res_mom_part_info_set(int32_t count, int kind)
     return entries;
 }
 
+/* Stores a capacity or read-only record with the built entries under the
+ * local index, once the local identity is complete; frees the entries in
+ * every case.  The result of the store, or 0 when not ready. */
+namespace {
+
+template <typename Record, typename Entry>
+int res_mom_part_publish(Record *message, Entry **entries, int32_t count)
+{
+    int32_t rows = res_mom_part_rows(count);
+    int ret = 0;
+    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
+        res_mom_fill_local_index(message->index);
+        message->n_info = static_cast<size_t>(rows);
+        message->info = entries;
+        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
+        message->n_info = 0;
+        message->info = nullptr;
+    }
+    res_mom_part_free(reinterpret_cast<void **>(entries), rows);
+    return ret;
+}
+
+} // namespace
+
 int res_mom_part_vol_set(PUtils__StovigPartInfo *message, int32_t count)
 {
     void **entries = res_mom_part_info_set(count, 0);
@@ -164,18 +188,7 @@ int res_mom_part_vol_set(PUtils__StovigPartInfo *message, int32_t count)
         RES_ERR("can't set part volume.");
         return -1;
     }
-    int32_t rows = res_mom_part_rows(count);
-    int ret = 0;
-    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
-        res_mom_fill_local_index(message->index);
-        message->n_info = static_cast<size_t>(rows);
-        message->info = reinterpret_cast<PUtils__PartInfo **>(entries);
-        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
-        message->n_info = 0;
-        message->info = nullptr;
-    }
-    res_mom_part_free(entries, rows);
-    return ret;
+    return res_mom_part_publish(message, reinterpret_cast<PUtils__PartInfo **>(entries), count);
 }
 
 int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
@@ -185,18 +198,7 @@ int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
         RES_ERR("can't set part readonly.");
         return -1;
     }
-    int32_t rows = res_mom_part_rows(count);
-    int ret = 0;
-    if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
-        res_mom_fill_local_index(message->index);
-        message->n_info = static_cast<size_t>(rows);
-        message->info = reinterpret_cast<PUtils__PartRo **>(entries);
-        ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
-        message->n_info = 0;
-        message->info = nullptr;
-    }
-    res_mom_part_free(entries, rows);
-    return ret;
+    return res_mom_part_publish(message, reinterpret_cast<PUtils__PartRo **>(entries), count);
 }
 
 int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInfo *message)
