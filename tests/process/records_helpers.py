@@ -11,6 +11,7 @@ import threading
 import time
 from datetime import datetime
 
+from bus_helpers import RedisServer
 from stovig_proc import BIN_DIR, DAEMON, Node, wait_for
 
 QN_BUS = os.path.join(BIN_DIR, "platform", "tools", "qn-bus", "qn-bus")
@@ -22,41 +23,6 @@ INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
 CAP_PASS = "res_mon_part_cap_timer_func add timer with ret[0]."
 RO_PASS = "res_mom_part_ro_timer_func add timer with ret[0]."
 IO_SENT = "set IO information with ret[0]."
-
-
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
-
-
-class Redis:
-    def __init__(self, base):
-        self.dir = os.path.join(base, "redis")
-        os.makedirs(self.dir, exist_ok=True)
-        self.port = free_port()
-        self.proc = subprocess.Popen(
-            ["redis-server", "--bind", "127.0.0.1", "--port", str(self.port), "--save", "", "--appendonly", "no",
-             "--dir", self.dir], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
-        if not wait_for(lambda: self.cli("PING") == "PONG", timeout=10):
-            self.stop()
-            raise RuntimeError("redis-server did not start")
-
-    def cli(self, *args):
-        p = subprocess.run(["redis-cli", "-h", "127.0.0.1", "-p", str(self.port)] + list(args),
-                           capture_output=True, timeout=10)
-        return p.stdout.decode(errors="replace").strip()
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(timeout=10)
 
 
 def config(port, phy_slot, user_slot, node_type, dev_type):
@@ -163,7 +129,8 @@ class Pair:
 
     def __init__(self, base, lc_namespace=True):
         self.base = base
-        self.redis = Redis(base)
+        self.redis = RedisServer(base)
+        self.redis.start()
         self.master = Daemon(base, "cm", config(self.redis.port, 1, 1, 2, "CM"))
         prefix = ["unshare", "-m", "--propagation", "private"] if lc_namespace else []
         self.lc = Daemon(base, "lc", config(self.redis.port, 5, 3, 3, "LC"), prefix)
