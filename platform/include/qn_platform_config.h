@@ -14,6 +14,10 @@ struct qn_platform_config {
     long long log_max_size = 10 * 1024 * 1024;
     int log_max_files = 5;
     std::string syslog_file;       /* empty: syslog(3); else lines appended here */
+    std::string log_level = "warning"; /* debug log keeps: "error", "warning" or "debug" */
+    std::string events_file;       /* operator event lines; empty: <run dir>/stovig-events.log */
+    long long events_max_size = 10 * 1024 * 1024;
+    int events_max_files = 10;
     /* [loop] */
     int second_ms = 1000;          /* length of one timer second, for tests */
     /* [bus] */

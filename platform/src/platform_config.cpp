@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -57,11 +59,29 @@ std::function<const char *(qn_platform_config &, const char *)> num(T qn_platfor
     };
 }
 
+std::function<const char *(qn_platform_config &, const char *)> one_of(std::string qn_platform_config::*m,
+                                                                       std::initializer_list<const char *> allowed)
+{
+    std::vector<std::string> words(allowed.begin(), allowed.end());
+    return [m, words](qn_platform_config &c, const char *v) -> const char * {
+        for (const std::string &w : words)
+            if (w == v) {
+                c.*m = v;
+                return nullptr;
+            }
+        return "not one of the accepted words";
+    };
+}
+
 const setting settings[] = {
     {"log", "file", str(&qn_platform_config::log_file)},
     {"log", "max_size", num(&qn_platform_config::log_max_size, 4096, LLONG_MAX)},
     {"log", "max_files", num(&qn_platform_config::log_max_files, 1, 1000)},
     {"log", "syslog_file", str(&qn_platform_config::syslog_file)},
+    {"log", "level", one_of(&qn_platform_config::log_level, {"error", "warning", "debug"})},
+    {"log", "events_file", str(&qn_platform_config::events_file)},
+    {"log", "events_max_size", num(&qn_platform_config::events_max_size, 4096, LLONG_MAX)},
+    {"log", "events_max_files", num(&qn_platform_config::events_max_files, 1, 1000)},
     {"loop", "second_ms", num(&qn_platform_config::second_ms, 1, 3600000)},
     {"bus", "url", str(&qn_platform_config::bus_url)},
     {"bus", "user", str(&qn_platform_config::bus_user)},

@@ -60,7 +60,7 @@ def node_config(redis, devid, phy_slot, user_slot, node_type, role, dev_type):
     return ("[bus]\nurl = redis://127.0.0.1:%d\n"
             "[node]\ndevid = %d\nphy_slot = %d\nuser_slot = %d\nnode_type = %d\nrole = %d\n"
             "[cap]\nCAP_DEV_TYPE = %s\n"
-            "[log]\nsyslog_file = @SYSLOG@\n"
+            "[log]\nsyslog_file = @SYSLOG@\nlevel = debug\n"
             "[loop]\nsecond_ms = 100\n") % (redis.port, devid, phy_slot, user_slot, node_type, role, dev_type)
 
 

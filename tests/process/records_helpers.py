@@ -29,7 +29,7 @@ def config(port, phy_slot, user_slot, node_type, dev_type):
     return ("[bus]\nurl = redis://127.0.0.1:%d\n"
             "[node]\ndevid = 0\nphy_slot = %d\nuser_slot = %d\nnode_type = %d\nrole = 0\n"
             "[cap]\nCAP_DEV_TYPE = %s\n"
-            "[log]\nsyslog_file = @SYSLOG@\n"
+            "[log]\nsyslog_file = @SYSLOG@\nlevel = debug\n"
             "[loop]\nsecond_ms = 100\n") % (port, phy_slot, user_slot, node_type, dev_type)
 
 

@@ -50,6 +50,7 @@ class Node:
         os.makedirs(self.tmpdir, exist_ok=True)
         self.run_dir = os.path.join(self.tmpdir, "stovig")
         self.log = os.path.join(self.run_dir, "stovig.log")
+        self.events_log = os.path.join(self.run_dir, "stovig-events.log")
         self.syslog = os.path.join(self.dir, "syslog.log")
         self.env = dict(os.environ)
         self.env.pop("NOTIFY_SOCKET", None)
@@ -84,6 +85,17 @@ class Node:
 
     def log_text(self):
         return read_text(self.log)
+
+    def event_lines(self):
+        """The operator event lines written so far, from the event log and
+        from the debug log (lines at level EVENT), each once, in file order."""
+        seen, lines = set(), []
+        for path in (self.events_log, self.log):
+            for line in read_text(path).splitlines():
+                if " EVENT " in line and line not in seen:
+                    seen.add(line)
+                    lines.append(line)
+        return lines
 
     def syslog_text(self):
         return read_text(self.syslog)

@@ -10,7 +10,7 @@ import unittest
 
 from stovig_proc import Node, TempDir, wait_for
 
-CONFIG = "[log]\nsyslog_file = @SYSLOG@\n[loop]\nsecond_ms = 20\n"
+CONFIG = "[log]\nsyslog_file = @SYSLOG@\nlevel = debug\n[loop]\nsecond_ms = 20\n"
 
 
 class MonitorDaemon(unittest.TestCase):
