@@ -109,16 +109,18 @@ class DaemonCliTest(unittest.TestCase):
                          "Storage Lifetime Threshold:   12 months\n\n")
 
     def test_saved_configuration_lines(self):
-        self.assertEqual(self.cli("show running-config")[1], "")
+        def framed(lines):
+            return "!\n" + lines + "!\nend\n"
+        self.assertEqual(self.cli("show running-config")[1], framed(""))
         self.config("no storage ro set")
-        self.assertEqual(self.cli("show running-config")[1], "no storage ro set\n")
+        self.assertEqual(self.cli("show running-config")[1], framed("no storage ro set\n"))
         self.config("default storage ro set")
-        self.assertEqual(self.cli("show running-config")[1], "")
+        self.assertEqual(self.cli("show running-config")[1], framed(""))
         self.config("storage io set threshold 60", "storage capacity set interval 90",
                     "storage lifetime set interval 120 threshold 6", "storage ro set interval 40")
         self.assertEqual(self.cli("show running-config")[1],
-                         "storage io set threshold 60\nstorage ro set interval 40\n"
-                         "storage capacity set interval 90\nstorage lifetime set interval 120 threshold 6\n")
+                         framed("storage io set threshold 60\nstorage ro set interval 40\n"
+                                "storage capacity set interval 90\nstorage lifetime set interval 120 threshold 6\n"))
 
     def test_written_configuration_survives_a_restart(self):
         self.config("storage capacity set interval 90 threshold 85", "no storage io set", "end", "write memory")
