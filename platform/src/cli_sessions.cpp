@@ -174,7 +174,8 @@ void on_idle(evutil_socket_t, short, void *arg)
             static_cast<unsigned>(c->uid), svc->idle_timeout);
     if (c->out.empty())
         send_parting(c->fd, QN_CLI_STATUS_CLOSED, mode_word(c->st),
-                     "% Session closed: no command for " + std::to_string(svc->idle_timeout) + " seconds.\n");
+                     "% Session closed: no command for " + std::to_string(svc->idle_timeout) +
+                         (svc->idle_timeout == 1 ? " second.\n" : " seconds.\n"));
     close_conn(c);
 }
 
