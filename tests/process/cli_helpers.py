@@ -48,17 +48,20 @@ class SampleServer:
         return self.proc.stderr.read().decode(errors="replace") if self.proc and self.proc.poll() is not None else ""
 
     def stop(self):
+        """Kills the server; what it wrote on standard error."""
         if self.proc is None:
-            return
+            return ""
         if self.proc.poll() is None:
             try:
                 os.killpg(self.proc.pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass
         self.proc.wait(timeout=10)
+        err = self.proc.stderr.read().decode(errors="replace")
         self.proc.stdout.close()
         self.proc.stderr.close()
         self.proc = None
+        return err
 
     def cli(self, *commands, stdin=None, env=None):
         args = [SHELL]

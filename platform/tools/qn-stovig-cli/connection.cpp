@@ -109,7 +109,10 @@ bool cli_connect(std::string &why)
 
     int dirfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (dirfd < 0) {
-        why = "cannot reach qn-stovig at " + path + ": " + strerror(errno);
+        if (errno == ELOOP || errno == ENOTDIR)
+            why = "refusing " + path + ": its directory is not a directory (a symbolic link?); " + owner_rule();
+        else
+            why = "cannot reach qn-stovig at " + path + ": " + strerror(errno);
         return false;
     }
     struct stat st;
