@@ -336,16 +336,37 @@ int run_line(cli_session_state &st, const std::string &line, std::string &out)
     return ret < 0 ? QN_CLI_STATUS_REFUSED : QN_CLI_STATUS_DONE;
 }
 
+/* What may come next after `typed`.  While the first word is being typed,
+ * the prefix words are offered with the commands. */
+std::vector<cli_help_item> next_words(const cli_session_state &st, const std::string &typed)
+{
+    auto tokens = cli_tokens(typed);
+    bool partial = !typed.empty() && typed.back() != ' ' && typed.back() != '\t';
+    if (tokens.empty() || (tokens.size() == 1 && partial)) {
+        std::string part = tokens.empty() ? "" : tokens[0].first;
+        const cli_roots &roots = st.config ? svc->config_roots : svc->exec_roots;
+        std::vector<cli_help_item> items = cli_parse_help(roots, typed, CLI_PREFIX_NONE);
+        std::vector<cli_help_item> prefixes = {{"no", "Negate a command or set its defaults"}};
+        if (st.config)
+            prefixes.push_back({"default", "Set a command to its defaults"});
+        for (const cli_help_item &p : prefixes)
+            if (starts_with(p.word, part))
+                items.push_back(p);
+        return items;
+    }
+    line_split s = split_line(st.config, typed);
+    if (!s.refusal.empty())
+        return {};
+    return cli_parse_help(*s.roots, s.rest, s.prefix);
+}
+
 std::string help_text(const cli_session_state &st, const std::string &typed)
 {
-    line_split s = split_line(st.config, typed);
     std::string out;
-    if (s.refusal.empty()) {
-        for (const cli_help_item &item : cli_parse_help(*s.roots, s.rest, s.prefix)) {
-            char line[512];
-            snprintf(line, sizeof line, "  %-20s %s\n", item.word.c_str(), item.help.c_str());
-            out += line;
-        }
+    for (const cli_help_item &item : next_words(st, typed)) {
+        char line[512];
+        snprintf(line, sizeof line, "  %-20s %s\n", item.word.c_str(), item.help.c_str());
+        out += line;
     }
     if (out.empty())
         out = "% Unrecognized command\n";
@@ -354,11 +375,10 @@ std::string help_text(const cli_session_state &st, const std::string &typed)
 
 std::string complete_text(const cli_session_state &st, const std::string &typed)
 {
-    line_split s = split_line(st.config, typed);
     std::string out;
-    if (s.refusal.empty())
-        for (const std::string &w : cli_parse_complete(*s.roots, s.rest, s.prefix))
-            out += w + "\n";
+    for (const cli_help_item &item : next_words(st, typed))
+        if (item.word[0] != '<')
+            out += item.word + "\n";
     return out;
 }
 

@@ -68,6 +68,24 @@ class Scripts(unittest.TestCase):
         status, _, err = self.server.cli("configure terminal", "do")
         self.assertEqual((status, err), (1, "% Incomplete command.\n"))
 
+    def test_help_and_completion_know_the_prefix_words_and_do(self):
+        s = RawSession(self.server.sock)
+        try:
+            self.assertEqual(s.run("configure terminal")[1], "config")
+            s.send("d", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "do\ndefault\n"))
+            s.send("de", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "default\n"))
+            s.send("do ", verb="help")
+            words = [l.split()[0] for l in s.reply()[2].splitlines()]
+            self.assertEqual(words, ["show", "debug", "undebug", "write"])
+            s.send("do sh", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "show\n"))
+            s.send("def sample ", verb="help")
+            self.assertEqual([l.split()[0] for l in s.reply()[2].splitlines()], ["set"])
+        finally:
+            s.close()
+
     def test_default_abbreviated_and_long_numbers(self):
         self.server.cli("configure terminal", "sample set interval 45")
         self.assertEqual(self.server.cli("configure terminal", "def sample set")[0], 0)
