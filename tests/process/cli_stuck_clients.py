@@ -5,7 +5,8 @@ interpreter with the test that measures the operator:
     python3 cli_stuck_clients.py SOCKET COUNT SECONDS REQUEST
 
 Each client sends REQUEST over and over; when the service closes it, it
-connects again.  At the end it prints one line "connects=N drops=M"."""
+connects again.  It stops when its standard input closes, or after SECONDS
+at most, and prints one line "connects=N drops=M"."""
 
 import errno
 import select
@@ -42,9 +43,12 @@ def main():
                 clients[i] = connect()
         live = [s for s in clients.values() if s is not None]
         if not live:
-            time.sleep(0.01)
+            if select.select([sys.stdin], [], [], 0.01)[0]:
+                break
             continue
-        _, writable, _ = select.select([], live, [], 0.05)
+        readable, writable, _ = select.select([sys.stdin], live, [], 0.05)
+        if readable:
+            break
         for s in writable:
             try:
                 s.send(batch)
