@@ -212,6 +212,10 @@ int interactive()
     for (;;) {
         line_cancelled = false;
         sigint_seen = 0;
+        /* The line editor's terminal mode (Ctrl-C a key) before the prompt
+         * shows, not only once the first key is read: a key typed right after
+         * the prompt must not meet the ordinary mode. */
+        el_set(el, EL_PREP_TERM, 1);
         int count;
         const char *text = el_gets(el, &count);
         if (!text || count <= 0) {
