@@ -37,6 +37,7 @@ struct qn_platform_config {
     /* [cli] */
     std::string cli_socket;        /* empty: <run dir>/cli.sock */
     std::string startup_file;      /* empty: <run dir>/startup-config */
+    int cli_idle_timeout = 600;    /* seconds without a command before a session is closed; 0 never */
 
     std::string path;              /* the file read, empty when none */
 };

@@ -4,8 +4,7 @@
  * where the deepest attempt failed. */
 #include "qn_cli_parse.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <set>
 
 namespace {
@@ -47,14 +46,21 @@ void reachable(const cli_node *const *alts, const cli_parse_block &pb, std::vect
     }
 }
 
+/* A word of digits; a value beyond what int64_t holds saturates to its
+ * maximum, so that it is refused as out of range like any other too large
+ * number rather than as a word that is not a number. */
 bool parse_number(const std::string &word, int64_t *value)
 {
-    if (word.empty() || word.size() > 18)
+    if (word.empty())
         return false;
-    for (char c : word)
+    int64_t v = 0;
+    for (char c : word) {
         if (c < '0' || c > '9')
             return false;
-    *value = strtoll(word.c_str(), nullptr, 10);
+        int digit = c - '0';
+        v = v > (INT64_MAX - digit) / 10 ? INT64_MAX : v * 10 + digit;
+    }
+    *value = v;
     return true;
 }
 

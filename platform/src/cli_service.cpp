@@ -1,9 +1,12 @@
 /* The command-line service stand-in: graphs added by the program per mode,
- * operator sessions on a Unix socket in the run directory (owner only), every
- * request handled as a task of the program's event loop.  Built-in commands:
- * configure terminal, end, exit, show running-config, write memory, undebug
- * all / no debug all.  The saved startup configuration is replayed in
- * configuration mode once the loop runs. */
+ * run for operator sessions (cli_sessions.cpp) on a Unix socket in the run
+ * directory (cli_files.cpp), every request handled as a task of the
+ * program's event loop.  Built-in commands: configure terminal, end, exit,
+ * quit, do (exec commands from configuration mode), show running-config,
+ * write memory, undebug all / no debug all.  Lines starting with "!" are
+ * comments.  The saved startup configuration is replayed in configuration
+ * mode once the loop runs. */
+#include "cli_internal.h"
 #include "qn_cli.h"
 #include "qn_cli_parse.h"
 #include "qn_cli_proto.h"
@@ -11,30 +14,17 @@
 #include "qn_platform_config.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace {
-
-enum session_mode { MODE_EXEC, MODE_CONFIG };
-
-struct session {
-    int fd = -1;
-    std::string in;
-    session_mode mode = MODE_EXEC;
-};
 
 struct service {
     qn_thread_master *master = nullptr;
@@ -42,19 +32,20 @@ struct service {
     std::string socket_path;
     std::string startup_path;
     int listen_fd = -1;
+    int idle_timeout = QN_CLI_IDLE_TIMEOUT_DEF;
+    qn_zlog_category_t *log = nullptr;
     std::map<int, std::vector<const cli_node *const *>> modes;
     std::vector<void (*)(int)> debug_switches;
-    std::map<int, std::unique_ptr<session>> sessions;
     /* Runtime graphs of the built-in words, rebuilt when commands are added. */
     std::deque<cli_node> nodes;
     std::deque<std::vector<const cli_node *>> arrays;
-    cli_roots exec_roots, config_roots, exec_no_roots;
+    cli_roots exec_roots, config_roots, exec_no_roots, do_roots;
 };
 
 service *svc = nullptr;
 std::string *current_out = nullptr;      /* output of the command being run */
 std::vector<std::string> *current_gen = nullptr; /* lines being generated */
-session *current_session = nullptr;
+cli_session_state *current_session = nullptr;
 
 const cli_node *const *array_of(std::vector<const cli_node *> items)
 {
@@ -120,38 +111,44 @@ std::vector<std::string> generate(uint32_t flag)
 int cmd_configure(cli_parse_block *)
 {
     if (current_session)
-        current_session->mode = MODE_CONFIG;
+        current_session->config = true;
     return 0;
 }
 
 int cmd_end(cli_parse_block *)
 {
     if (current_session)
-        current_session->mode = MODE_EXEC;
+        current_session->config = false;
     return 0;
 }
 
+int cmd_exit(cli_parse_block *)
+{
+    if (current_session)
+        current_session->ended = true;
+    return 0;
+}
+
+/* The configuration in the form the operator can paste back: framed by
+ * comment lines and "end", also when every setting is at its default. */
 int cmd_show_running(cli_parse_block *)
 {
+    cli_printf("!\n");
     for (const std::string &line : generate(CLI_GEN_RUNNING))
         cli_printf("%s\n", line.c_str());
+    cli_printf("!\nend\n");
     return 0;
 }
 
 int cmd_write_memory(cli_parse_block *)
 {
-    std::string tmp = svc->startup_path + ".new";
-    {
-        std::ofstream f(tmp, std::ios::trunc);
-        for (const std::string &line : generate(CLI_GEN_STARTUP))
-            f << line << "\n";
-        if (!f) {
-            cli_printf("%% Cannot write %s.\n", svc->startup_path.c_str());
-            return -1;
-        }
-    }
-    if (rename(tmp.c_str(), svc->startup_path.c_str()) != 0) {
-        cli_printf("%% Cannot write %s: %s.\n", svc->startup_path.c_str(), strerror(errno));
+    std::string text;
+    for (const std::string &line : generate(CLI_GEN_STARTUP))
+        text += line + "\n";
+    std::string why;
+    if (!cli_startup_write(svc->startup_path, text, why)) {
+        CLI_LOG(QN_ZLOG_LEVEL_ERROR, "write memory: cannot write %s: %s.", svc->startup_path.c_str(), why.c_str());
+        cli_printf("%% Cannot write %s: %s.\n", svc->startup_path.c_str(), why.c_str());
         return -1;
     }
     cli_printf("[OK]\n");
@@ -171,6 +168,7 @@ void build_graphs()
     svc->nodes.clear();
     svc->arrays.clear();
     const cli_node *const *end_eol = array_of({eol(cmd_end)});
+    const cli_node *const *exit_eol = array_of({eol(cmd_exit)});
     const cli_node *const *off = array_of({keyword("all", "Disable all debugging", array_of({eol(cmd_debug_all_off)}))});
     const cli_node *show = keyword(
         "show", "Show running system information",
@@ -178,41 +176,114 @@ void build_graphs()
                {keyword("running-config", "Current operating configuration", array_of({eol(cmd_show_running)}))}));
     const cli_node *debug = keyword("debug", "Debugging functions", merged(CLI_MODE_DEBUG));
     const cli_node *debug_no = keyword("debug", "Debugging functions", merged(CLI_MODE_DEBUG, {gate(CLI_NODE_NO, off)}));
-    svc->exec_roots = {array_of({
+    /* What "do" runs from configuration mode: the exec commands that do not
+     * change the session's mode. */
+    std::vector<const cli_node *> exec_commands = {
         show,
         debug,
         keyword("undebug", "Disable debugging functions", off),
-        keyword("configure", "Enter configuration mode",
-                array_of({keyword("terminal", "Configure from the terminal", array_of({eol(cmd_configure)}))})),
         keyword("write", "Write running configuration to memory",
                 array_of({keyword("memory", "Write to the startup configuration", array_of({eol(cmd_write_memory)}))})),
-    })};
+    };
+    std::vector<const cli_node *> exec_all = exec_commands;
+    exec_all.push_back(keyword("configure", "Enter configuration mode",
+                               array_of({keyword("terminal", "Configure from the terminal",
+                                                 array_of({eol(cmd_configure)}))})));
+    exec_all.push_back(keyword("exit", "Exit from the shell", exit_eol));
+    exec_all.push_back(keyword("quit", "Exit from the shell", exit_eol));
+    svc->exec_roots = {array_of(exec_all)};
+    svc->do_roots = {array_of(exec_commands)};
     svc->exec_no_roots = {array_of({debug_no})};
+    /* "do" itself only shows in help: the line after it is run as an exec
+     * line (see split_line), which also covers "do no debug ...". */
     svc->config_roots = {merged(CLI_MODE_CONFIG, {keyword("end", "Exit to the exec mode", end_eol),
                                                   keyword("exit", "Exit from configuration mode", end_eol),
-                                                  show})};
+                                                  keyword("quit", "Exit from configuration mode", end_eol),
+                                                  keyword("do", "Run an exec command", nullptr), show})};
 }
 
-/* Splits a leading "no" (or, in configuration mode, "default") off a line. */
-const cli_roots &roots_for(session_mode mode, std::string &line, uint32_t &prefix, size_t &offset)
+/* How a line is to be parsed once its leading prefix words are taken off. */
+struct line_split {
+    const cli_roots *roots = nullptr;
+    uint32_t prefix = CLI_PREFIX_NONE;
+    size_t offset = 0;       /* where `rest` starts in the line, for the caret */
+    std::string rest;
+    bool ran_do = false;     /* "do" was given: `rest` is an exec line */
+    std::string refusal;     /* set when the prefix word itself is ambiguous */
+};
+
+bool starts_with(const std::string &word, const std::string &part)
 {
-    prefix = CLI_PREFIX_NONE;
-    offset = 0;
-    auto tokens = cli_tokens(line);
-    if (!tokens.empty()) {
-        const std::string &first = tokens[0].first;
-        if (first == "no")
-            prefix = CLI_PREFIX_NO;
-        else if (first == "default" && mode == MODE_CONFIG)
-            prefix = CLI_PREFIX_DEFAULT;
-        if (prefix != CLI_PREFIX_NONE) {
-            offset = tokens[0].second + first.size();
-            line = line.substr(offset);
-        }
+    return word.compare(0, part.size(), part) == 0;
+}
+
+/* The prefix word ("no", "default", "do") that `token` stands for, in full or
+ * as an abbreviation no other word of the mode shares; empty when none.  Sets
+ * `ambiguous` when the token could be more than one word. */
+std::string prefix_word(const std::string &token, bool config, const cli_roots &roots, bool &ambiguous)
+{
+    std::vector<std::string> words = {"no"};
+    if (config) {
+        words.push_back("default");
+        words.push_back("do");
     }
-    if (mode == MODE_CONFIG)
-        return svc->config_roots;
-    return prefix == CLI_PREFIX_NO ? svc->exec_no_roots : svc->exec_roots;
+    std::vector<std::string> matches;
+    for (const std::string &w : words) {
+        if (token == w)
+            return w;
+        if (starts_with(w, token))
+            matches.push_back(w);
+    }
+    if (matches.empty())
+        return "";
+    size_t others = 0;
+    for (const cli_help_item &item : cli_parse_help(roots, "", CLI_PREFIX_NONE)) {
+        bool is_prefix_word = false;
+        for (const std::string &w : words)
+            is_prefix_word = is_prefix_word || item.word == w;
+        if (!is_prefix_word && item.word[0] != '<' && starts_with(item.word, token))
+            ++others;
+    }
+    if (matches.size() == 1 && others == 0)
+        return matches[0];
+    ambiguous = true;
+    return "";
+}
+
+/* Takes the leading "do" (configuration mode) and "no" / "default" off a
+ * line and picks the graphs the rest is parsed against. */
+line_split split_line(bool config, const std::string &line)
+{
+    line_split s;
+    s.rest = line;
+    for (;;) {
+        const cli_roots &roots = s.ran_do ? svc->do_roots : config ? svc->config_roots : svc->exec_roots;
+        s.roots = &roots;
+        auto tokens = cli_tokens(s.rest);
+        if (tokens.empty())
+            return s;
+        bool ambiguous = false;
+        std::string word = prefix_word(tokens[0].first, config, roots, ambiguous);
+        if (ambiguous) {
+            s.refusal = "% Ambiguous command: \"" + line.substr(0, s.offset + tokens[0].second + tokens[0].first.size()) +
+                        "\"\n";
+            return s;
+        }
+        if (word.empty())
+            return s;
+        size_t cut = tokens[0].second + tokens[0].first.size();
+        s.offset += cut;
+        s.rest = s.rest.substr(cut);
+        if (word == "do") {
+            s.ran_do = true;
+            config = false;
+            continue;
+        }
+        s.prefix = word == "no" ? CLI_PREFIX_NO : CLI_PREFIX_DEFAULT;
+        if (!config && s.prefix == CLI_PREFIX_NO)
+            s.roots = &svc->exec_no_roots;
+        return s;
+    }
 }
 
 bool printable(const std::string &line)
@@ -223,39 +294,76 @@ bool printable(const std::string &line)
     return true;
 }
 
+/* A comment line: "!" as its first non-blank character, as in saved
+ * configurations. */
+bool comment(const std::string &line)
+{
+    size_t first = line.find_first_not_of(" \t");
+    return first != std::string::npos && line[first] == '!';
+}
+
 /* Runs one operator line: status 0 done, 1 refused. */
-int run_line(session &s, std::string line, std::string &out)
+int run_line(cli_session_state &st, const std::string &line, std::string &out)
 {
     if (!printable(line)) {
         out += "% Invalid characters in command line.\n";
-        return 1;
+        return QN_CLI_STATUS_REFUSED;
     }
-    uint32_t prefix;
-    size_t offset;
-    const cli_roots &roots = roots_for(s.mode, line, prefix, offset);
-    if (cli_tokens(line).empty() && prefix == CLI_PREFIX_NONE)
-        return 0;
-    cli_parse_result r = cli_parse_line(roots, line, prefix, offset);
+    if (comment(line))
+        return QN_CLI_STATUS_DONE;
+    line_split s = split_line(st.config, line);
+    if (!s.refusal.empty()) {
+        out += s.refusal;
+        return QN_CLI_STATUS_REFUSED;
+    }
+    if (cli_tokens(s.rest).empty() && s.prefix == CLI_PREFIX_NONE) {
+        if (!s.ran_do)
+            return QN_CLI_STATUS_DONE;
+        out += "% Incomplete command.\n";
+        return QN_CLI_STATUS_REFUSED;
+    }
+    cli_parse_result r = cli_parse_line(*s.roots, s.rest, s.prefix, s.offset);
     if (r.status != CLI_PARSE_OK) {
         out += r.refusal;
-        return 1;
+        return QN_CLI_STATUS_REFUSED;
     }
     current_out = &out;
-    current_session = &s;
+    current_session = &st;
     r.pb.ctx = &out;
     int ret = r.eol->handler ? r.eol->handler(&r.pb) : 0;
     current_out = nullptr;
     current_session = nullptr;
-    return ret < 0 ? 1 : 0;
+    return ret < 0 ? QN_CLI_STATUS_REFUSED : QN_CLI_STATUS_DONE;
 }
 
-std::string help_text(session &s, std::string typed)
+/* What may come next after `typed`.  While the first word is being typed,
+ * the prefix words are offered with the commands. */
+std::vector<cli_help_item> next_words(const cli_session_state &st, const std::string &typed)
 {
-    uint32_t prefix;
-    size_t offset;
-    const cli_roots &roots = roots_for(s.mode, typed, prefix, offset);
+    auto tokens = cli_tokens(typed);
+    bool partial = !typed.empty() && typed.back() != ' ' && typed.back() != '\t';
+    if (tokens.empty() || (tokens.size() == 1 && partial)) {
+        std::string part = tokens.empty() ? "" : tokens[0].first;
+        const cli_roots &roots = st.config ? svc->config_roots : svc->exec_roots;
+        std::vector<cli_help_item> items = cli_parse_help(roots, typed, CLI_PREFIX_NONE);
+        std::vector<cli_help_item> prefixes = {{"no", "Negate a command or set its defaults"}};
+        if (st.config)
+            prefixes.push_back({"default", "Set a command to its defaults"});
+        for (const cli_help_item &p : prefixes)
+            if (starts_with(p.word, part))
+                items.push_back(p);
+        return items;
+    }
+    line_split s = split_line(st.config, typed);
+    if (!s.refusal.empty())
+        return {};
+    return cli_parse_help(*s.roots, s.rest, s.prefix);
+}
+
+std::string help_text(const cli_session_state &st, const std::string &typed)
+{
     std::string out;
-    for (const cli_help_item &item : cli_parse_help(roots, typed, prefix)) {
+    for (const cli_help_item &item : next_words(st, typed)) {
         char line[512];
         snprintf(line, sizeof line, "  %-20s %s\n", item.word.c_str(), item.help.c_str());
         out += line;
@@ -265,155 +373,71 @@ std::string help_text(session &s, std::string typed)
     return out;
 }
 
-std::string complete_text(session &s, std::string typed)
+std::string complete_text(const cli_session_state &st, const std::string &typed)
 {
-    uint32_t prefix;
-    size_t offset;
-    const cli_roots &roots = roots_for(s.mode, typed, prefix, offset);
     std::string out;
-    for (const std::string &w : cli_parse_complete(roots, typed, prefix))
-        out += w + "\n";
+    for (const cli_help_item &item : next_words(st, typed))
+        if (item.word[0] != '<')
+            out += item.word + "\n";
     return out;
-}
-
-bool send_all(int fd, const std::string &data)
-{
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool reply(session &s, int status, const std::string &text)
-{
-    std::string head = std::to_string(status) + (s.mode == MODE_CONFIG ? " config " : " exec ") +
-                       std::to_string(text.size()) + "\n";
-    return send_all(s.fd, head + text);
-}
-
-void close_session(int fd)
-{
-    svc->sessions.erase(fd);
-    close(fd);
-}
-
-int on_session_readable(qn_thread *t);
-
-void watch_session(int fd)
-{
-    if (!qn_thread_add_read(svc->master, on_session_readable, nullptr, fd, "cli_session"))
-        close_session(fd);
-}
-
-/* Handles every complete request in the session's buffer; false when the
- * session must end. */
-bool serve_requests(session &s)
-{
-    size_t nl;
-    while ((nl = s.in.find('\n')) != std::string::npos) {
-        std::string req = s.in.substr(0, nl);
-        s.in.erase(0, nl + 1);
-        size_t sp = req.find(' ');
-        std::string verb = req.substr(0, sp);
-        std::string text = sp == std::string::npos ? "" : req.substr(sp + 1);
-        bool ok;
-        if (verb == "exec") {
-            std::string out;
-            int status = run_line(s, text, out);
-            ok = reply(s, status, out);
-        } else if (verb == "help") {
-            ok = reply(s, 0, help_text(s, text));
-        } else if (verb == "complete") {
-            ok = reply(s, 0, complete_text(s, text));
-        } else {
-            ok = reply(s, 1, "% Unknown request.\n");
-        }
-        if (!ok)
-            return false;
-    }
-    if (s.in.size() >= QN_CLI_MAX_LINE) {
-        reply(s, 1, "% Command line too long (at most " + std::to_string(QN_CLI_MAX_LINE - 1) + " characters).\n");
-        return false;
-    }
-    return true;
-}
-
-int on_session_readable(qn_thread *t)
-{
-    int fd = QN_THREAD_FD(t);
-    auto it = svc->sessions.find(fd);
-    if (it == svc->sessions.end())
-        return 0;
-    char buf[2048];
-    ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-        watch_session(fd);
-        return 0;
-    }
-    if (n <= 0) {
-        close_session(fd);
-        return 0;
-    }
-    session &s = *it->second;
-    s.in.append(buf, static_cast<size_t>(n));
-    if (!serve_requests(s)) {
-        close_session(fd);
-        return 0;
-    }
-    watch_session(fd);
-    return 0;
-}
-
-int on_listen_readable(qn_thread *)
-{
-    int fd = accept(svc->listen_fd, nullptr, nullptr);
-    if (fd >= 0) {
-        struct timeval tv = {2, 0};
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-        if (svc->sessions.size() >= QN_CLI_MAX_SESSIONS) {
-            session refused;
-            refused.fd = fd;
-            reply(refused, 1, "% Too many sessions open, try again later.\n");
-            close(fd);
-        } else {
-            auto s = std::make_unique<session>();
-            s->fd = fd;
-            svc->sessions[fd] = std::move(s);
-            watch_session(fd);
-        }
-    }
-    qn_thread_add_read(svc->master, on_listen_readable, nullptr, svc->listen_fd, "cli_listen");
-    return 0;
 }
 
 int replay_startup(qn_thread *)
 {
-    std::ifstream f(svc->startup_path);
-    if (!f)
+    std::vector<std::string> lines;
+    std::string why;
+    if (!cli_startup_read(svc->startup_path, lines, why)) {
+        fprintf(stderr, "startup configuration not replayed: %s\n", why.c_str());
+        CLI_LOG(QN_ZLOG_LEVEL_ERROR, "startup configuration not replayed: %s.", why.c_str());
         return 0;
-    session s;
-    s.mode = MODE_CONFIG;
-    std::string line;
+    }
     int number = 0;
-    while (std::getline(f, line)) {
+    for (const std::string &line : lines) {
         ++number;
-        if (line.empty() || line[0] == '!')
-            continue;
+        cli_session_state st;
+        st.config = true;
         std::string out;
-        if (run_line(s, line, out) != 0)
+        if (run_line(st, line, out) != QN_CLI_STATUS_DONE) {
             fprintf(stderr, "%s:%d: refused: %s\n%s", svc->startup_path.c_str(), number, line.c_str(), out.c_str());
-        s.mode = MODE_CONFIG;
+            CLI_LOG(QN_ZLOG_LEVEL_ERROR, "%s:%d: refused: %s", svc->startup_path.c_str(), number, line.c_str());
+        }
     }
     return 0;
 }
 
 } // namespace
+
+int cli_service_request(cli_session_state &st, const std::string &verb, const std::string &text, std::string &out)
+{
+    if (verb == "exec")
+        return run_line(st, text, out);
+    if (verb == "help") {
+        out = help_text(st, text);
+        return QN_CLI_STATUS_DONE;
+    }
+    if (verb == "complete") {
+        out = complete_text(st, text);
+        return QN_CLI_STATUS_DONE;
+    }
+    out = "% Unknown request.\n";
+    return QN_CLI_STATUS_REFUSED;
+}
+
+void cli_service_log(int level, const char *file, const char *func, long line, const char *fmt, ...)
+{
+    if (!svc)
+        return;
+    if (!svc->log)
+        svc->log = qn_zlog_init(svc->name.c_str());
+    if (!svc->log)
+        return;
+    char text[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    qndf_zlog(svc->log, file, strlen(file), func, strlen(func), line, level, "%s", text);
+}
 
 extern "C" {
 
@@ -429,26 +453,15 @@ int cli_client_init(const char *name, qn_thread_master *master)
     std::string run = qn_platform_run_dir();
     svc->socket_path = cfg->cli_socket.empty() ? run + QN_CLI_SOCKET_NAME : cfg->cli_socket;
     svc->startup_path = cfg->startup_file.empty() ? run + QN_CLI_STARTUP_NAME : cfg->startup_file;
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (svc->socket_path.size() >= sizeof addr.sun_path) {
-        fprintf(stderr, "cli socket path too long: %s\n", svc->socket_path.c_str());
+    svc->idle_timeout = cfg->cli_idle_timeout;
+    std::string why;
+    int fd = cli_socket_create(svc->socket_path, why);
+    if (fd < 0) {
+        fprintf(stderr, "cli socket not created: %s\n", why.c_str());
         return -1;
     }
-    strcpy(addr.sun_path, svc->socket_path.c_str());
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -errno;
-    unlink(svc->socket_path.c_str());
-    mode_t old = umask(077);
-    int r = bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
-    umask(old);
-    if (r != 0 || chmod(svc->socket_path.c_str(), 0600) != 0) {
-        int err = errno;
-        close(fd);
-        fprintf(stderr, "cli socket %s: %s\n", svc->socket_path.c_str(), strerror(err));
-        return -err;
-    }
+    if (svc->listen_fd >= 0)
+        close(svc->listen_fd);
     svc->listen_fd = fd;
     build_graphs();
     return 0;
@@ -459,9 +472,9 @@ int cli_client_ready(void)
     if (!svc || svc->listen_fd < 0)
         return -1;
     if (listen(svc->listen_fd, 32) != 0)
-        return -errno;
+        return -1;
     build_graphs();
-    if (!qn_thread_add_read(svc->master, on_listen_readable, nullptr, svc->listen_fd, "cli_listen"))
+    if (cli_sessions_start(svc->master, svc->listen_fd, svc->idle_timeout) != 0)
         return -1;
     qn_thread_add_event(svc->master, replay_startup, nullptr, 0, "cli_startup_config");
     return 0;
@@ -525,7 +538,7 @@ int qn_cli_standin_run(const std::string &line, bool config_mode, std::string *o
 {
     if (!svc || !out)
         return 1;
-    session s;
-    s.mode = config_mode ? MODE_CONFIG : MODE_EXEC;
-    return run_line(s, line, *out);
+    cli_session_state st;
+    st.config = config_mode;
+    return run_line(st, line, *out);
 }

@@ -95,6 +95,7 @@ const setting settings[] = {
     {"node", "card_name", str(&qn_platform_config::card_name)},
     {"cli", "socket", str(&qn_platform_config::cli_socket)},
     {"cli", "startup_file", str(&qn_platform_config::startup_file)},
+    {"cli", "idle_timeout", num(&qn_platform_config::cli_idle_timeout, 0, 31536000)},
 };
 
 int on_entry(void *user, const char *section, const char *key, const char *value)

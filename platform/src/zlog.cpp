@@ -15,6 +15,7 @@
 
 struct qn_zlog_category {
     std::shared_ptr<spdlog::logger> logger;
+    std::string path;
 };
 
 namespace {
@@ -43,6 +44,11 @@ qn_zlog_category_t *qn_zlog_init(const char *category)
     if (!cfg || !category || !*category)
         return nullptr;
     std::string path = cfg->log_file.empty() ? qn_platform_run_dir() + category + ".log" : cfg->log_file;
+    /* One category per name and file: a second opener (a stand-in logging
+     * for the program) shares the file's rotation instead of racing it. */
+    for (const auto &c : categories)
+        if (c->logger->name() == category && c->path == path)
+            return c.get();
     try {
         auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(
             path, static_cast<size_t>(cfg->log_max_size), static_cast<size_t>(cfg->log_max_files));
@@ -50,7 +56,7 @@ qn_zlog_category_t *qn_zlog_init(const char *category)
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %v");
         logger->set_level(spdlog::level::trace);
         logger->flush_on(spdlog::level::trace);
-        categories.push_back(std::make_unique<qn_zlog_category>(qn_zlog_category{logger}));
+        categories.push_back(std::make_unique<qn_zlog_category>(qn_zlog_category{logger, path}));
         return categories.back().get();
     } catch (const spdlog::spdlog_ex &e) {
         fprintf(stderr, "zlog category %s: %s\n", category, e.what());

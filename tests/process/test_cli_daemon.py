@@ -109,16 +109,41 @@ class DaemonCliTest(unittest.TestCase):
                          "Storage Lifetime Threshold:   12 months\n\n")
 
     def test_saved_configuration_lines(self):
-        self.assertEqual(self.cli("show running-config")[1], "")
+        def framed(lines):
+            return "!\n" + lines + "!\nend\n"
+        self.assertEqual(self.cli("show running-config")[1], framed(""))
         self.config("no storage ro set")
-        self.assertEqual(self.cli("show running-config")[1], "no storage ro set\n")
+        self.assertEqual(self.cli("show running-config")[1], framed("no storage ro set\n"))
         self.config("default storage ro set")
-        self.assertEqual(self.cli("show running-config")[1], "")
+        self.assertEqual(self.cli("show running-config")[1], framed(""))
         self.config("storage io set threshold 60", "storage capacity set interval 90",
                     "storage lifetime set interval 120 threshold 6", "storage ro set interval 40")
         self.assertEqual(self.cli("show running-config")[1],
-                         "storage io set threshold 60\nstorage ro set interval 40\n"
-                         "storage capacity set interval 90\nstorage lifetime set interval 120 threshold 6\n")
+                         framed("storage io set threshold 60\nstorage ro set interval 40\n"
+                                "storage capacity set interval 90\nstorage lifetime set interval 120 threshold 6\n"))
+
+    def test_pasted_configuration_block_with_comment_lines_applies(self):
+        block = (b"configure terminal\n"
+                 b"!\n"
+                 b"! storage, as saved on the spare box\n"
+                 b"storage io set threshold 60\n"
+                 b"no storage ro set\n"
+                 b"!\n"
+                 b"storage capacity set interval 90\n"
+                 b"!\n"
+                 b"end\n")
+        p = subprocess.run([SHELL], env=self.node.env, capture_output=True, timeout=20, input=block)
+        self.assertEqual((p.returncode, p.stderr), (0, b""))
+        self.assertEqual(self.cli("show running-config")[1],
+                         "!\nstorage io set threshold 60\nno storage ro set\nstorage capacity set interval 90\n!\nend\n")
+        # What show running-config prints pastes back as it is.
+        running = self.cli("show running-config")[1]
+        self.config("default storage io set", "default storage ro set", "default storage capacity set")
+        self.assertEqual(self.cli("show running-config")[1], "!\n!\nend\n")
+        p = subprocess.run([SHELL], env=self.node.env, capture_output=True, timeout=20,
+                           input=b"configure terminal\n" + running.encode())
+        self.assertEqual((p.returncode, p.stderr), (0, b""))
+        self.assertEqual(self.cli("show running-config")[1], running)
 
     def test_written_configuration_survives_a_restart(self):
         self.config("storage capacity set interval 90 threshold 85", "no storage io set", "end", "write memory")

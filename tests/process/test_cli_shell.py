@@ -22,7 +22,7 @@ class ShellTest(unittest.TestCase):
         self.env = dict(os.environ, TMPDIR=self.tmp.path)
         self.env.pop("STOVIG_CONFIG", None)
         self.sock = os.path.join(self.tmp.path, "stovig", "cli.sock")
-        os.makedirs(os.path.dirname(self.sock))
+        os.makedirs(os.path.dirname(self.sock), mode=0o700)
         self.server = None
         self.start_server()
 
@@ -105,9 +105,9 @@ class ShellTest(unittest.TestCase):
 
     def test_running_config_no_default_and_write_memory_survive_restart(self):
         self.assertEqual(self.cli("configure terminal", "no sample set")[0], 0)
-        self.assertEqual(self.cli("show running-config")[1], "no sample set\n")
+        self.assertEqual(self.cli("show running-config")[1], "!\nno sample set\n!\nend\n")
         self.assertEqual(self.cli("configure terminal", "default sample set")[0], 0)
-        self.assertEqual(self.cli("show running-config")[1], "")
+        self.assertEqual(self.cli("show running-config")[1], "!\n!\nend\n")
         self.assertEqual(self.cli("configure terminal", "sample set interval 120", "end", "write memory"),
                          (0, "Set sample interval 120 seconds.\n[OK]\n", ""))
         startup = os.path.join(self.tmp.path, "stovig", "startup-config")
@@ -173,8 +173,10 @@ class ShellTest(unittest.TestCase):
             extra = self.raw()
             status, _, text = self.raw_reply(extra)
             extra.close()
-            self.assertEqual(status, 1)
-            self.assertIn("Too many sessions", text)
+            self.assertEqual((status, text), (2, "% Too many sessions: 16 of 16 open, try again later.\n"))
+            p = subprocess.run([SHELL, "-c", "show sample"], env=self.env, capture_output=True, timeout=20)
+            self.assertEqual((p.returncode, p.stdout), (2, b""))
+            self.assertEqual(p.stderr, b"% Too many sessions: 16 of 16 open, try again later.\n")
         finally:
             for s in held:
                 s.close()

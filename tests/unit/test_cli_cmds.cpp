@@ -57,10 +57,21 @@ class CliCommands : public ::testing::Test {
         EXPECT_EQ(want_status, qn_cli_standin_run(line, true, &out)) << line << "\n" << out;
         return out;
     }
+    /* "show running-config" around its configuration lines. */
+    static std::string framed(const std::string &lines)
+    {
+        return "!\n" + lines + "!\nend\n";
+    }
     std::string exec(const std::string &line)
     {
         std::string out;
         EXPECT_EQ(0, qn_cli_standin_run(line, false, &out)) << line << "\n" << out;
+        return out;
+    }
+    std::string exec_refused(const std::string &line)
+    {
+        std::string out;
+        EXPECT_EQ(1, qn_cli_standin_run(line, false, &out)) << line << "\n" << out;
         return out;
     }
     static std::string dir;
@@ -137,13 +148,13 @@ TEST_F(CliCommands, ParserRefusals)
 TEST_F(CliCommands, ReadOnlyForms)
 {
     EXPECT_EQ("Close storage read-only monitor.\n\n", config("no storage ro set"));
-    EXPECT_EQ("no storage ro set\n", exec("show running-config"));
+    EXPECT_EQ(framed("no storage ro set\n"), exec("show running-config"));
     EXPECT_EQ("Open storage read-only monitor.\nSet storage read-only interval 40 seconds.\n\n",
               config("storage ro set interval 40"));
-    EXPECT_EQ("storage ro set interval 40\n", exec("show running-config"));
+    EXPECT_EQ(framed("storage ro set interval 40\n"), exec("show running-config"));
     EXPECT_EQ("Reset default storage read-only monitor.\nSet storage read-only interval 30 seconds.\n\n",
               config("default storage ro set"));
-    EXPECT_EQ("", exec("show running-config"));
+    EXPECT_EQ(framed(""), exec("show running-config"));
 }
 
 TEST_F(CliCommands, GeneratedLinesOfEveryForm)
@@ -152,13 +163,13 @@ TEST_F(CliCommands, GeneratedLinesOfEveryForm)
     config("storage capacity set threshold 90");
     config("storage lifetime set interval 90 threshold 3");
     config("no storage ro set");
-    EXPECT_EQ("storage io set interval 20\nno storage ro set\nstorage capacity set threshold 90\n"
-              "storage lifetime set interval 90 threshold 3\n",
+    EXPECT_EQ(framed("storage io set interval 20\nno storage ro set\nstorage capacity set threshold 90\n"
+                     "storage lifetime set interval 90 threshold 3\n"),
               exec("show running-config"));
     config("no storage io set");
     config("storage capacity set interval 40 threshold 90");
-    EXPECT_EQ("no storage io set\nno storage ro set\nstorage capacity set interval 40 threshold 90\n"
-              "storage lifetime set interval 90 threshold 3\n",
+    EXPECT_EQ(framed("no storage io set\nno storage ro set\nstorage capacity set interval 40 threshold 90\n"
+                     "storage lifetime set interval 90 threshold 3\n"),
               exec("show running-config"));
 }
 
@@ -200,6 +211,75 @@ TEST_F(CliCommands, CommandsExistOnlyWhereTheNodeIsMaster)
     EXPECT_EQ(1, qn_cli_standin_run("debug stovig", false, &out));
     res_local_node.role = 1;
     EXPECT_EQ(0, qn_cli_standin_run("show storage io set", false, &out));
+}
+
+/* Lines starting with "!" are comments in every mode, as in a saved
+ * configuration: nothing runs, nothing is printed, nothing is refused. */
+TEST_F(CliCommands, CommentLinesAreSkipped)
+{
+    EXPECT_EQ("", config("!"));
+    EXPECT_EQ("", config("! storage io set interval 20"));
+    EXPECT_EQ("", config("   !storage io set interval 20"));
+    EXPECT_EQ("", exec("! show storage io set"));
+    EXPECT_EQ(10, io_interval);
+    /* "!" further on in a line is no comment. */
+    EXPECT_NE(std::string::npos, config("storage io set interval 20 !", 1).find("^"));
+}
+
+TEST_F(CliCommands, DoRunsExecCommandsFromConfigurationMode)
+{
+    EXPECT_EQ(exec("show storage io set"), config("do show storage io set"));
+    EXPECT_EQ(exec("show running-config"), config("do sh run"));
+    EXPECT_EQ("Set stovig debug to 4\n", config("do debug stovig 4"));
+    EXPECT_EQ(4u, res_dbg_level);
+    EXPECT_EQ("Set stovig debug to 0\n", config("do no debug stovig"));
+    EXPECT_EQ(0u, res_dbg_level);
+    EXPECT_EQ("% Incomplete command.\n", config("do", 1));
+    /* The caret points into the exec line, past "do". */
+    EXPECT_EQ(std::string(8, ' ') + "^\n% Invalid input detected at '^' marker.\n", config("do show bogus", 1));
+    /* Configuration commands are not exec commands, nor are mode changes. */
+    EXPECT_NE(std::string::npos, config("do storage io set interval 20", 1).find("^"));
+    EXPECT_NE(std::string::npos, config("do configure terminal", 1).find("^"));
+    EXPECT_NE(std::string::npos, exec_refused("do show storage io set").find("^"));
+}
+
+/* "default" may be abbreviated like any word, as long as no other word of
+ * configuration mode starts the same ("d" could be "do"). */
+TEST_F(CliCommands, DefaultIsAbbreviated)
+{
+    config("storage capacity set interval 60 threshold 85");
+    EXPECT_EQ("Reset default storage capacity monitor.\nSet storage capacity interval 30 seconds, threshold 80%.\n\n",
+              config("def storage capacity set"));
+    config("storage ro set interval 40");
+    EXPECT_EQ(config("default storage ro set"), config("de sto ro s"));
+    EXPECT_EQ(30, ro_interval);
+    EXPECT_EQ("% Ambiguous command: \"d\"\n", config("d storage ro set", 1));
+    EXPECT_EQ("Close storage io monitor.\n\n", config("no storage io set"));
+    EXPECT_NE(std::string::npos, exec_refused("def storage io set").find("^"));
+}
+
+TEST_F(CliCommands, LongNumbersAreOutOfRange)
+{
+    EXPECT_EQ(std::string(24, ' ') + "^\n% Invalid input detected at '^' marker: number out of range <10-3600>.\n",
+              config("storage io set interval 12345678901234567890", 1));
+    EXPECT_NE(std::string::npos, config("storage capacity set threshold 99999999999999999999", 1)
+                                     .find("number out of range <10-99>."));
+    EXPECT_NE(std::string::npos, exec_refused("debug stovig 123456789012345678901234567890").find("<0-5>"));
+    EXPECT_EQ(10, io_interval);
+}
+
+TEST_F(CliCommands, ShowRunningConfigHasItsFrameAtDefaults)
+{
+    EXPECT_EQ("!\n!\nend\n", exec("show running-config"));
+}
+
+TEST_F(CliCommands, ExitAndQuit)
+{
+    EXPECT_EQ("", exec("exit"));
+    EXPECT_EQ("", exec("quit"));
+    EXPECT_EQ("", config("exit"));
+    EXPECT_EQ("", config("quit"));
+    EXPECT_EQ("", config("end"));
 }
 
 } // namespace

@@ -110,12 +110,32 @@ TEST(CliParse, UniquePrefixesAbbreviate)
     EXPECT_EQ(70, r.pb.nums[1]);
 }
 
-TEST(CliParse, GarbageNumbersAndHugeNumbersAreInvalid)
+TEST(CliParse, GarbageNumbersAreInvalid)
 {
     EXPECT_EQ(CLI_PARSE_INVALID, cli_parse_line(roots, "storage io set interval 2x", 0).status);
     EXPECT_EQ(CLI_PARSE_INVALID, cli_parse_line(roots, "storage io set interval -20", 0).status);
-    EXPECT_EQ(CLI_PARSE_INVALID, cli_parse_line(roots, "storage io set interval 99999999999999999999999", 0).status);
     EXPECT_EQ(CLI_PARSE_INVALID, cli_parse_line(roots, "storage io set interval 20 threshold 60 extra", 0).status);
+}
+
+/* However many digits it has, a number too large for its node gets the
+ * out-of-range text of any other too large number. */
+TEST(CliParse, NumbersTooLongToHoldAreOutOfRange)
+{
+    const std::string range_text =
+        std::string(24, ' ') + "^\n% Invalid input detected at '^' marker: number out of range <10-3600>.\n";
+    EXPECT_EQ(range_text, cli_parse_line(roots, "storage io set interval 4000", 0).refusal);
+    for (const char *digits : {"9999999999999999999", "99999999999999999999", "18446744073709551616",
+                               "99999999999999999999999999999999999999999999999999"}) {
+        cli_parse_result r = cli_parse_line(roots, std::string("storage io set interval ") + digits, 0);
+        EXPECT_EQ(CLI_PARSE_RANGE, r.status) << digits;
+        EXPECT_EQ(range_text, r.refusal) << digits;
+    }
+    cli_parse_result r = cli_parse_line(roots, "storage io set interval 000000000000000000000000020", 0);
+    ASSERT_EQ(CLI_PARSE_OK, r.status) << r.refusal;
+    EXPECT_EQ(20, r.pb.nums[0]);
+    r = cli_parse_line(roots, "storage io set threshold 99999999999999999999", 0);
+    EXPECT_EQ(CLI_PARSE_RANGE, r.status);
+    EXPECT_NE(std::string::npos, r.refusal.find("<50-99>"));
 }
 
 TEST(CliParse, HelpListsNextWordsAndRanges)

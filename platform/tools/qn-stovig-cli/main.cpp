@@ -2,16 +2,18 @@
  * command-line socket of the daemon of the same TMPDIR (or STOVIG_CONFIG's
  * [cli] socket) and runs commands: given with -c (repeatable, in order), read
  * from standard input when it is not a terminal, or typed at a prompt with
- * history, "?" help and TAB completion. */
+ * history, "?" help, TAB completion and Ctrl-C to clear the line.
+ *
+ * Exit status: 0; 1 when a command was refused; 2 when the daemon cannot be
+ * reached, the connection is lost or the daemon ends the session. */
+#include "connection.h"
+
 #include "qn_cli_proto.h"
-#include "qn_platform_config.h"
 
 #include <histedit.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -20,112 +22,115 @@
 
 namespace {
 
-struct reply {
-    int status = 2; /* 0 done, 1 refused, 2 no answer */
-    std::string mode = "exec";
-    std::string text;
-};
+const char *lost_text = "% Connection to qn-stovig lost.\n";
 
-int conn = -1;
-std::string mode = "exec";
+std::string mode = QN_CLI_MODE_EXEC;
+volatile sig_atomic_t sigint_seen = 0;
+bool line_cancelled = false;
 
-std::string socket_path()
+enum outcome { DONE = 0, REFUSED = 1, LOST = 2, ENDED = 3 };
+
+void on_sigint(int)
 {
-    const qn_platform_config *cfg = qn_platform_config_get();
-    if (cfg && !cfg->cli_socket.empty())
-        return cfg->cli_socket;
-    return qn_platform_run_dir() + QN_CLI_SOCKET_NAME;
-}
-
-bool connect_daemon(std::string &why)
-{
-    std::string path = socket_path();
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path) {
-        why = "socket path too long: " + path;
-        return false;
-    }
-    strcpy(addr.sun_path, path.c_str());
-    conn = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (conn < 0 || connect(conn, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        why = "cannot reach qn-stovig at " + path + ": " + strerror(errno);
-        return false;
-    }
-    return true;
-}
-
-bool read_exact(std::string &out, size_t n)
-{
-    out.clear();
-    char buf[4096];
-    while (out.size() < n) {
-        ssize_t r = read(conn, buf, std::min(sizeof buf, n - out.size()));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
-        out.append(buf, static_cast<size_t>(r));
-    }
-    return true;
-}
-
-reply request(const std::string &verb, const std::string &text)
-{
-    reply r;
-    std::string req = verb + " " + text + "\n";
-    if (req.size() > QN_CLI_MAX_LINE) {
-        r.status = 1;
-        r.text = "% Command line too long (at most " + std::to_string(QN_CLI_MAX_LINE - 1) + " characters).\n";
-        return r;
-    }
-    if (write(conn, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
-        r.text = "% Connection to qn-stovig lost.\n";
-        return r;
-    }
-    std::string head;
-    char c;
-    while (read(conn, &c, 1) == 1 && c != '\n' && head.size() < 64)
-        head += c;
-    int status = 0;
-    char m[16] = {0};
-    size_t len = 0;
-    if (sscanf(head.c_str(), "%d %15s %zu", &status, m, &len) != 3 || !read_exact(r.text, len)) {
-        r.status = 2;
-        r.text = "% Connection to qn-stovig lost.\n";
-        return r;
-    }
-    r.status = status;
-    r.mode = m;
-    mode = r.mode;
-    return r;
+    sigint_seen = 1;
 }
 
 const char *prompt(EditLine *)
 {
-    return mode == "config" ? "stovig(config)# " : "stovig# ";
+    return mode == QN_CLI_MODE_CONFIG ? "stovig(config)# " : "stovig# ";
 }
 
-/* Runs one line; in interactive use the caret of a refusal lines up under
- * the prompt, otherwise the line is echoed above it. */
-int run(const std::string &line, bool interactive)
+/* Runs one line and prints what it gave.  In interactive use the caret of a
+ * refusal lines up under the prompt, otherwise the line is echoed above it.
+ * `unsent` tells that the connection was found broken before the line went
+ * out (interactive use reports that itself, it may send the line again). */
+outcome run(const std::string &line, bool interactive, bool *unsent = nullptr)
 {
+    if (unsent)
+        *unsent = false;
     if (line.find_first_of("\r\n") != std::string::npos) {
         fputs("% Invalid characters in command line.\n", stderr);
-        return 1;
+        return REFUSED;
     }
-    reply r = request("exec", line);
-    if (r.status == 0) {
+    cli_reply r = cli_request("exec", line, &sigint_seen);
+    if (r.lost) {
+        if (unsent)
+            *unsent = !r.sent;
+        if (!(interactive && (sigint_seen || !r.sent)))
+            fputs(lost_text, stderr);
+        return LOST;
+    }
+    if (r.mode != QN_CLI_MODE_CLOSED)
+        mode = r.mode;
+    if (r.status == QN_CLI_STATUS_DONE) {
         fputs(r.text.c_str(), stdout);
         fflush(stdout);
-        return 0;
+        return r.mode == QN_CLI_MODE_CLOSED ? ENDED : DONE;
+    }
+    if (r.status == QN_CLI_STATUS_CLOSED) {
+        fputs(r.text.c_str(), stderr);
+        return LOST;
     }
     if (!interactive && r.text.find('^') != std::string::npos)
         fprintf(stderr, "%s\n", line.c_str());
     else if (interactive && r.text.find('^') != std::string::npos)
         fprintf(stderr, "%*s", static_cast<int>(strlen(prompt(nullptr))), "");
     fputs(r.text.c_str(), stderr);
-    return r.status;
+    return REFUSED;
+}
+
+/* Commands from -c or standard input: run in order, a refused one does not
+ * stop the rest; "exit" or "quit" in exec mode ends the script. */
+int run_script(const std::vector<std::string> &commands, bool from_stdin)
+{
+    int worst = 0;
+    size_t next = 0;
+    std::string line;
+    for (;;) {
+        if (from_stdin) {
+            if (!std::getline(std::cin, line))
+                break;
+        } else {
+            if (next == commands.size())
+                break;
+            line = commands[next++];
+        }
+        if (from_stdin && line.find_first_not_of(" \t") == std::string::npos)
+            continue;
+        std::string parting;
+        if (cli_dropped(parting)) {
+            fputs(parting.empty() ? lost_text : parting.c_str(), stderr);
+            return 2;
+        }
+        outcome o = run(line, false);
+        if (o == LOST)
+            return 2;
+        if (o == ENDED)
+            break;
+        if (o > worst)
+            worst = o;
+    }
+    return worst;
+}
+
+/* After the daemon dropped the session (it restarted, or closed an idle
+ * session): one new connection, back in the mode the operator was in. */
+bool reconnect()
+{
+    std::string was = mode, why;
+    mode = QN_CLI_MODE_EXEC;
+    if (!cli_connect(why)) {
+        fprintf(stderr, "%% %s\n", why.c_str());
+        return false;
+    }
+    if (was == QN_CLI_MODE_CONFIG) {
+        cli_reply r = cli_request("exec", "configure terminal");
+        if (r.lost || r.status != QN_CLI_STATUS_DONE)
+            return false;
+        mode = r.mode;
+    }
+    fputs("% Reconnected to qn-stovig.\n", stderr);
+    return true;
 }
 
 std::string current_line(EditLine *el)
@@ -137,15 +142,15 @@ std::string current_line(EditLine *el)
 unsigned char on_help(EditLine *el, int)
 {
     std::string typed = current_line(el);
-    reply r = request("help", typed);
-    printf("?\n%s", r.text.c_str());
+    cli_reply r = cli_request("help", typed);
+    printf("?\n%s", r.lost ? lost_text : r.text.c_str());
     return CC_REDISPLAY;
 }
 
 unsigned char on_complete(EditLine *el, int)
 {
     std::string typed = current_line(el);
-    reply r = request("complete", typed);
+    cli_reply r = cli_request("complete", typed);
     std::vector<std::string> words;
     size_t pos = 0, nl;
     while ((nl = r.text.find('\n', pos)) != std::string::npos) {
@@ -168,8 +173,26 @@ unsigned char on_complete(EditLine *el, int)
     return CC_REDISPLAY;
 }
 
+/* Ctrl-C: the line is left on the screen marked "^C" and dropped, and a new
+ * prompt follows, as in the network shells operators know. */
+unsigned char on_cancel(EditLine *el, int)
+{
+    const LineInfo *li = el_line(el);
+    el_cursor(el, static_cast<int>(li->lastchar - li->cursor));
+    el_insertstr(el, "^C");
+    line_cancelled = true;
+    el_push(el, "\r");
+    return CC_REFRESH;
+}
+
 int interactive()
 {
+    /* Outside line editing a Ctrl-C gives up waiting for a reply. */
+    struct sigaction sa = {};
+    sa.sa_handler = on_sigint;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+
     EditLine *el = el_init("qn-stovig-cli", stdin, stdout, stderr);
     History *hist = history_init();
     HistEvent ev;
@@ -177,43 +200,104 @@ int interactive()
     el_set(el, EL_PROMPT, prompt);
     el_set(el, EL_EDITOR, "emacs");
     el_set(el, EL_HIST, history, hist);
+    /* While editing, Ctrl-C is a key of the line editor, not a signal. */
+    el_set(el, EL_SETTY, "-d", "-isig", NULL);
     el_set(el, EL_ADDFN, "stovig-help", "List what may come next", on_help);
     el_set(el, EL_ADDFN, "stovig-complete", "Complete the word", on_complete);
+    el_set(el, EL_ADDFN, "stovig-cancel", "Drop the line", on_cancel);
     el_set(el, EL_BIND, "?", "stovig-help", NULL);
     el_set(el, EL_BIND, "^I", "stovig-complete", NULL);
-    int count;
-    const char *text;
-    while ((text = el_gets(el, &count)) != nullptr && count > 0) {
+    el_set(el, EL_BIND, "^C", "stovig-cancel", NULL);
+    int status = 0;
+    for (;;) {
+        line_cancelled = false;
+        sigint_seen = 0;
+        /* The line editor's terminal mode (Ctrl-C a key) before the prompt
+         * shows, not only once the first key is read: a key typed right after
+         * the prompt must not meet the ordinary mode. */
+        el_set(el, EL_PREP_TERM, 1);
+        int count;
+        const char *text = el_gets(el, &count);
+        if (!text || count <= 0) {
+            if (sigint_seen) {
+                fputs("\n", stdout);
+                continue;
+            }
+            break;
+        }
+        if (line_cancelled)
+            continue;
         std::string line(text);
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
             line.pop_back();
         if (line.find_first_not_of(" \t") == std::string::npos)
             continue;
         history(hist, &ev, H_ENTER, line.c_str());
-        if ((line == "exit" || line == "quit") && mode == "exec")
+        std::string parting;
+        if (!cli_connected()) {
+            /* Closed here after an interrupted wait. */
+            std::string why;
+            if (!cli_connect(why)) {
+                fprintf(stderr, "%% %s\n", why.c_str());
+                status = 2;
+                break;
+            }
+            mode = QN_CLI_MODE_EXEC;
+        } else if (cli_dropped(parting)) {
+            fputs(parting.empty() ? lost_text : parting.c_str(), stderr);
+            if (!reconnect()) {
+                status = 2;
+                break;
+            }
+        }
+        bool unsent;
+        outcome o = run(line, true, &unsent);
+        if (o == LOST && sigint_seen) {
+            fputs("% Interrupted.\n", stderr);
+            cli_disconnect();
+            continue;
+        }
+        if (o == LOST && unsent) {
+            /* Dropped just before the line went out: it never ran. */
+            fputs(lost_text, stderr);
+            if (reconnect()) {
+                o = run(line, true);
+                if (o == ENDED)
+                    break;
+                if (o != LOST)
+                    continue;
+            }
+        }
+        if (o == LOST) {
+            status = 2;
             break;
-        if (run(line, true) == 2)
+        }
+        if (o == ENDED)
             break;
     }
     history_end(hist);
     el_end(el);
-    return 0;
+    return status;
 }
 
 void usage(FILE *to)
 {
     fprintf(to, "usage: qn-stovig-cli [-c COMMAND]...\n"
                 "  -c COMMAND  run COMMAND (repeatable, run in order; \"configure terminal\" enters\n"
-                "              configuration mode for the commands after it)\n"
+                "              configuration mode for the commands after it, \"exit\" ends the script)\n"
                 "Without -c, commands are read from standard input, or typed at a prompt on a terminal\n"
-                "(\"?\" lists what may come next, TAB completes).  The daemon is the one of the same TMPDIR.\n"
-                "Exit status: 0, 1 when a command was refused, 2 when the daemon cannot be reached.\n");
+                "(\"?\" lists what may come next, TAB completes, Ctrl-C clears the line, \"exit\" leaves).\n"
+                "Lines starting with \"!\" are comments.  The daemon is the one of the same TMPDIR.\n"
+                "Exit status: 0, 1 when a command was refused, 2 when the daemon cannot be reached or\n"
+                "the connection to it is lost.\n");
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    /* A daemon that closes first must give a message, not a silent death. */
+    signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> commands;
     int opt;
     while ((opt = getopt(argc, argv, "c:h")) != -1) {
@@ -225,28 +309,11 @@ int main(int argc, char **argv)
         }
     }
     std::string why;
-    if (!connect_daemon(why)) {
+    if (!cli_connect(why)) {
         fprintf(stderr, "%% %s\n", why.c_str());
         return 2;
     }
     if (commands.empty() && isatty(STDIN_FILENO))
         return interactive();
-    int worst = 0;
-    auto one = [&](const std::string &line) {
-        int status = run(line, false);
-        if (status > worst)
-            worst = status;
-        return status != 2;
-    };
-    if (!commands.empty()) {
-        for (const std::string &c : commands)
-            if (!one(c))
-                break;
-    } else {
-        std::string line;
-        while (std::getline(std::cin, line))
-            if (line.find_first_not_of(" \t") != std::string::npos && !one(line))
-                break;
-    }
-    return worst;
+    return run_script(commands, commands.empty());
 }

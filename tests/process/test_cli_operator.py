@@ -1,0 +1,281 @@
+"""qn-stovig-cli as operators use it, against the small program on the
+command-line service: scripts with comments and exit, Ctrl-C at the prompt,
+a daemon that restarts or drops the session, idle sessions."""
+
+import os
+import socket
+import subprocess
+import threading
+import time
+import unittest
+
+from cli_helpers import SHELL, PtyShell, SampleServer
+from cli_session import RawSession
+from stovig_proc import TempDir, wait_for
+
+LOST = "% Connection to qn-stovig lost.\n"
+
+
+class Scripts(unittest.TestCase):
+    def setUp(self):
+        self.tmp = TempDir(prefix="scli-op-")
+        self.server = SampleServer(self.tmp.path).start()
+
+    def tearDown(self):
+        self.server.stop()
+        self.tmp.cleanup()
+
+    def test_exit_and_quit_end_a_script_in_every_form(self):
+        self.assertEqual(self.server.cli("show sample", "exit", "show sample"),
+                         (0, "Sample interval:    30\nSample debugging:   off\n", ""))
+        status, out, _ = self.server.cli("show bogus", "quit", "show sample")
+        self.assertEqual((status, out), (1, ""))
+        self.assertEqual(self.server.cli("ex"), (0, "", ""))
+        status, out, err = self.server.cli(stdin=b"show sample\nexit\nshow sample\n")
+        self.assertEqual((status, out.count("Sample interval"), err), (0, 1, ""))
+        # In configuration mode exit and quit go back to exec mode.
+        status, out, err = self.server.cli("configure terminal", "exit", "show sample", "configure terminal",
+                                           "quit", "show sample")
+        self.assertEqual((status, out.count("Sample interval"), err), (0, 2, ""))
+
+    def test_pasted_block_with_comment_lines_applies(self):
+        block = (b"configure terminal\n"
+                 b"!\n"
+                 b"! storage settings of rack 4\n"
+                 b"sample set interval 70\n"
+                 b"   ! indented comment\n"
+                 b"!\n"
+                 b"end\n")
+        self.assertEqual(self.server.cli(stdin=block), (0, "Set sample interval 70 seconds.\n", ""))
+        self.assertIn("Sample interval:    70", self.server.cli("show sample")[1])
+        self.assertEqual(self.server.cli("! a comment on its own"), (0, "", ""))
+
+    def test_running_config_pastes_back(self):
+        self.server.cli("configure terminal", "sample set interval 80")
+        running = self.server.cli("show running-config")[1]
+        self.assertEqual(running, "!\nsample set interval 80\n!\nend\n")
+        self.server.cli("configure terminal", "default sample set")
+        status, _, err = self.server.cli(stdin=b"configure terminal\n" + running.encode() + b"show sample\n")
+        self.assertEqual((status, err), (0, ""))
+        self.assertIn("Sample interval:    80", self.server.cli("show sample")[1])
+
+    def test_do_runs_exec_commands_in_configuration_mode(self):
+        status, out, err = self.server.cli("configure terminal", "sample set interval 45", "do show sample",
+                                           "do sh run")
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, "Set sample interval 45 seconds.\nSample interval:    45\nSample debugging:   off\n"
+                              "!\nsample set interval 45\n!\nend\n")
+        status, _, err = self.server.cli("configure terminal", "do")
+        self.assertEqual((status, err), (1, "% Incomplete command.\n"))
+
+    def test_help_and_completion_know_the_prefix_words_and_do(self):
+        s = RawSession(self.server.sock)
+        try:
+            self.assertEqual(s.run("configure terminal")[1], "config")
+            s.send("d", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "do\ndefault\n"))
+            s.send("de", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "default\n"))
+            s.send("do ", verb="help")
+            words = [l.split()[0] for l in s.reply()[2].splitlines()]
+            self.assertEqual(words, ["show", "debug", "undebug", "write"])
+            s.send("do sh", verb="complete")
+            self.assertEqual(s.reply(), (0, "config", "show\n"))
+            s.send("def sample ", verb="help")
+            self.assertEqual([l.split()[0] for l in s.reply()[2].splitlines()], ["set"])
+        finally:
+            s.close()
+
+    def test_default_abbreviated_and_long_numbers(self):
+        self.server.cli("configure terminal", "sample set interval 45")
+        self.assertEqual(self.server.cli("configure terminal", "def sample set")[0], 0)
+        self.assertIn("Sample interval:    30", self.server.cli("show sample")[1])
+        status, _, err = self.server.cli("configure terminal", "sample set interval 99999999999999999999")
+        self.assertEqual(status, 1)
+        self.assertEqual(err, "sample set interval 99999999999999999999\n" + " " * 20 + "^\n"
+                              "% Invalid input detected at '^' marker: number out of range <10-3600>.\n")
+
+
+class LostConnection(unittest.TestCase):
+    """Every way the connection can end gives status 2 and a message, never a
+    death by SIGPIPE."""
+
+    def setUp(self):
+        self.tmp = TempDir(prefix="scli-lost-")
+
+    def tearDown(self):
+        self.tmp.cleanup()
+
+    def test_a_peer_that_stops_reading_200_of_200(self):
+        # The peer shuts its reading side after accepting: the shell's write
+        # then fails with EPIPE, every time (the SIGPIPE case).
+        path = os.path.join(self.tmp.path, "fake.sock")
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        listener.bind(path)
+        listener.listen(4)
+        listener.settimeout(20)
+        config = os.path.join(self.tmp.path, "cli.ini")
+        with open(config, "w") as f:
+            f.write("[cli]\nsocket = %s\n" % path)
+        env = dict(os.environ, STOVIG_CONFIG=config)
+        outcomes = {}
+        try:
+            for _ in range(200):
+                shell = subprocess.Popen([SHELL], env=env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                         stderr=subprocess.PIPE)
+                conn, _ = listener.accept()
+                conn.shutdown(socket.SHUT_RD)
+                out, err = shell.communicate(b"show storage io\n", timeout=20)
+                conn.close()
+                key = (shell.returncode, err.decode(errors="replace"))
+                outcomes[key] = outcomes.get(key, 0) + 1
+        finally:
+            listener.close()
+        self.assertEqual(outcomes, {(2, LOST): 200})
+
+    def test_all_sessions_taken_200_of_200(self):
+        server = SampleServer(self.tmp.path).start()
+        held = []
+        try:
+            for _ in range(16):
+                held.append(RawSession(server.sock))
+                self.assertEqual(held[-1].run("show sample")[0], 0)
+            outcomes = {}
+            for _ in range(200):
+                key = server.cli("show sample")
+                outcomes[key] = outcomes.get(key, 0) + 1
+            self.assertEqual(outcomes, {(2, "", "% Too many sessions: 16 of 16 open, try again later.\n"): 200})
+        finally:
+            for s in held:
+                s.close()
+            server.stop()
+
+    def test_daemon_gone_while_reading_standard_input(self):
+        server = SampleServer(self.tmp.path).start()
+        shell = subprocess.Popen([SHELL], env=server.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE)
+        try:
+            shell.stdin.write(b"show sample\n")
+            shell.stdin.flush()
+            self.assertEqual(shell.stdout.readline(), b"Sample interval:    30\n")
+            server.stop()
+            out, err = shell.communicate(b"show sample\nshow sample\n", timeout=20)
+        finally:
+            if shell.poll() is None:
+                shell.kill()
+                shell.wait()
+        self.assertEqual((shell.returncode, err), (2, LOST.encode()))
+
+    def test_daemon_gone_in_interactive_shell_without_restart(self):
+        server = SampleServer(self.tmp.path).start()
+        shell = PtyShell(server.env)
+        try:
+            self.assertTrue(shell.read_until(b"stovig# "))
+            server.stop()
+            shell.type(b"show sample\r")
+            self.assertEqual(shell.wait(), 2, shell.text())
+            self.assertIn(LOST.strip(), shell.text())
+            self.assertIn("cannot reach qn-stovig", shell.text())
+        finally:
+            shell.close()
+            server.stop()
+
+
+class Interactive(unittest.TestCase):
+    def setUp(self):
+        self.tmp = TempDir(prefix="scli-pty-")
+        self.server = SampleServer(self.tmp.path).start()
+        self.shell = PtyShell(self.server.env)
+        self.assertTrue(self.shell.read_until(b"stovig# "), self.shell.text())
+
+    def tearDown(self):
+        self.shell.close()
+        self.server.stop()
+        self.tmp.cleanup()
+
+    def test_ctrl_c_clears_the_line(self):
+        sh = self.shell
+        sh.type(b"configure terminal\r")
+        self.assertTrue(sh.read_until(b"stovig(config)# "))
+        mark = sh.mark()
+        sh.type(b"sample set interval 99\x03")
+        self.assertTrue(sh.read_until(b"^C\r\nstovig(config)# ", start=mark), sh.text())
+        self.assertIn(b"sample set interval 99", sh.screen[mark:])
+        # Also with the cursor inside the line.
+        mark = sh.mark()
+        sh.type(b"sample set interval 98\x01\x03")
+        self.assertTrue(sh.read_until(b"^C\r\nstovig(config)# ", start=mark), sh.text())
+        mark = sh.mark()
+        sh.type(b"do show sample\r")
+        self.assertTrue(sh.read_until(b"Sample interval:    30", start=mark), sh.text())
+        sh.type(b"end\rexit\r")
+        self.assertEqual(sh.wait(), 0, sh.text())
+        self.assertNotIn("Set sample interval", sh.text())
+
+    def test_reconnects_once_after_a_daemon_restart(self):
+        sh = self.shell
+        sh.type(b"configure terminal\r")
+        self.assertTrue(sh.read_until(b"stovig(config)# "))
+        self.server.stop()
+        self.server.start()
+        mark = sh.mark()
+        sh.type(b"sample set interval 55\r")
+        self.assertTrue(sh.read_until(b"Set sample interval 55 seconds.", start=mark), sh.text())
+        screen = sh.screen[mark:].decode(errors="replace")
+        self.assertIn(LOST.strip(), screen)
+        self.assertIn("% Reconnected to qn-stovig.", screen)
+        self.assertTrue(sh.read_until(b"stovig(config)# ", start=mark))
+        mark = sh.mark()
+        sh.type(b"end\rshow sample\r")
+        self.assertTrue(sh.read_until(b"Sample interval:    55", start=mark), sh.text())
+        sh.type(b"exit\r")
+        self.assertEqual(sh.wait(), 0, sh.text())
+
+
+class IdleSessions(unittest.TestCase):
+    def setUp(self):
+        self.tmp = TempDir(prefix="scli-idle-")
+        self.server = SampleServer(self.tmp.path, config="[cli]\nidle_timeout = 1\n").start()
+
+    def tearDown(self):
+        self.server.stop()
+        self.tmp.cleanup()
+
+    def test_idle_session_is_closed_and_a_busy_one_is_not(self):
+        idle = RawSession(self.server.sock, timeout=10)
+        busy = RawSession(self.server.sock, timeout=10)
+        self.assertEqual(idle.run("show sample")[0], 0)
+        t0 = time.monotonic()
+        while time.monotonic() - t0 < 2.5:
+            self.assertEqual(busy.run("show sample")[0], 0)
+            time.sleep(0.3)
+        self.assertEqual(idle.reply(), (2, "exec", "% Session closed: no command for 1 second.\n"))
+        self.assertTrue(idle.at_end())
+        self.assertEqual(busy.run("show sample")[0], 0)
+        idle.close()
+        busy.close()
+
+    def test_interactive_shell_says_so_and_reconnects(self):
+        shell = PtyShell(self.server.env)
+        try:
+            self.assertTrue(shell.read_until(b"stovig# "))
+            time.sleep(2.5)
+            mark = shell.mark()
+            shell.type(b"show sample\r")
+            self.assertTrue(shell.read_until(b"Sample interval:    30", start=mark), shell.text())
+            screen = shell.screen[mark:].decode(errors="replace")
+            self.assertIn("% Session closed: no command for 1 second.", screen)
+            self.assertIn("% Reconnected to qn-stovig.", screen)
+        finally:
+            shell.close()
+
+    def test_script_after_the_session_was_closed_exits_2(self):
+        shell = subprocess.Popen([SHELL], env=self.server.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE)
+        time.sleep(2.5)
+        out, err = shell.communicate(b"show sample\n", timeout=20)
+        self.assertEqual((shell.returncode, out, err), (2, b"", b"% Session closed: no command for 1 second.\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()
