@@ -477,6 +477,9 @@ void qn_mom_client::run_waiting_scans()
 
 void qn_mom_client::restore_own()
 {
+    if (!own.empty())
+        mom_log(module.c_str(), "writing back the %zu records this client keeps, where no one wrote them yet",
+                own.size());
     for (const auto &[key, bytes] : own)
         enqueue('R', key, bytes);
     flush();

@@ -497,14 +497,21 @@ TEST_F(BusRedisReconnectTest, PasswordAndUserFromTheConfigAreSentAndAWrongOneIsR
     EXPECT_NE(err.find("redis AUTH refused"), std::string::npos) << err;
 }
 
-TEST_F(BusRedisReconnectTest, BadBusUrlIsRefusedWithAClearMessage)
+TEST_F(BusRedisReconnectTest, BadBusUrlIsAConfigurationError)
 {
-    test_loop_setup();
-    config_file cfg("[bus]\nurl = http://127.0.0.1:1\n");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(qn_mom_client_init("TEST", res_master), nullptr);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("[bus] url: expected redis://HOST:PORT ('http://127.0.0.1:1')"), std::string::npos) << err;
+    for (const char *url : {"http://127.0.0.1:1", "redis://", "redis://host:0", "redis://host:70000", "redis://h:x"}) {
+        config_file cfg(std::string("[bus]\nurl = ") + url + "\n");
+        std::string error;
+        EXPECT_EQ(qn_platform_config_load(&error), nullptr) << url;
+        EXPECT_EQ(error, cfg.path + ":2: [bus] url: expected redis://HOST:PORT ('" + url + "')");
+    }
+    for (const char *url : {"redis://127.0.0.1:6390", "redis://localhost", "redis://bus.example/"}) {
+        config_file cfg(std::string("[bus]\nurl = ") + url + "\n");
+        std::string error;
+        auto loaded = qn_platform_config_load(&error);
+        ASSERT_NE(loaded, nullptr) << error;
+        EXPECT_EQ(loaded->bus_url, url);
+    }
 }
 
 } // namespace
