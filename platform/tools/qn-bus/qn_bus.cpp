@@ -515,7 +515,10 @@ int main(int argc, char **argv)
     }
     /* Every command is about the bus other processes share: on the embedded
      * bus of this one process it would write into a store that ends with it. */
-    if (qn_platform_config_get()->bus_url.empty()) {
+    const qn_platform_config *cfg = qn_platform_config_get();
+    if (!cfg)
+        return QN_PLATFORM_EX_CONFIG; /* the reason is printed */
+    if (cfg->bus_url.empty()) {
         fprintf(stderr, "qn-bus: no shared bus: set STOVIG_CONFIG to a config file with [bus] url = "
                         "redis://HOST:PORT (without it each process has its own in-process bus)\n");
         return 2;
