@@ -148,8 +148,8 @@ class Heal(unittest.TestCase):
         reported = time.time()
         status, out, err = c.cli("cm-a", "show storage all-info")
         self.assertEqual(status, 0, err)
-        self.assertIn("[slot1 : CM-A]", out)
-        self.assertIn("[slot3 : LC-48X]", out)
+        self.assertEqual([l for l in out.splitlines() if l.startswith("[slot")],
+                         ["[slot1 : CM-A]", "[slot2 : CM-B]", "[slot3 : LC-48X]"])
         self.assertRegex(out, r" flash\s.*Warning")
         self.passes(lc, CAP_PASS, 2)
         self.assertEqual(len(events(m, "res_part_vol_warning_task")), 1, events(m, "res_part_vol_warning_task"))
