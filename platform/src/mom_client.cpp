@@ -269,8 +269,14 @@ int run_connect(qn_thread *t)
     if (live_clients().count(c)) {
         if (d->type == 0) {
             auto it = c->connects.find(d->db);
-            if (it != c->connects.end() && it->second.cb)
+            if (it != c->connects.end() && !c->db_ready()) {
+                /* The link went again before the callback's turn: it runs
+                 * when the database is usable, so that what it subscribes
+                 * to can stand. */
+                it->second.announced = false;
+            } else if (it != c->connects.end() && it->second.cb) {
                 it->second.cb(c, d->db, it->second.ctx);
+            }
         } else {
             auto it = c->reconnects.find(d->db);
             if (it != c->reconnects.end() && it->second)

@@ -272,9 +272,9 @@ int res_mom_master_timer(struct qn_thread *)
         ++failed;
     if (failed == 0) {
         /* Every subscription stands: the configuration this master holds
-         * goes out, so the other nodes judge with it even when it was set
+         * goes out, so the other nodes judge with it also when it was set
          * before the bus was up (the saved configuration is replayed at
-         * start-up) or the store lost the record. */
+         * start-up, when its publication is refused). */
         res_mom_conf_handler(RES_MOM_OP_SEND);
         return 0;
     }

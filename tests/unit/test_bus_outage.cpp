@@ -14,10 +14,13 @@
 #include "qn_mom.h"
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
+#include "qn_thread_standin.h"
 
 #include <gtest/gtest.h>
 
+#include <event2/event.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -343,6 +346,53 @@ TEST_F(BusOutageTest, AScanCutByALostLinkRunsAgainWhenTheLinkIsBack)
     /* The write in flight went again, before the scan; the owner wrote back
      * the record the empty store lost. */
     EXPECT_EQ(scan.values, (std::vector<std::string>{"4:sdd", "5:sde"}));
+}
+
+TEST_F(BusOutageTest, AConnectCallbackWhoseLinkWentBeforeItsTurnWaitsForTheLink)
+{
+    qn_mom_client_t *c = qn_mom_client_init("NODE", res_master);
+    ASSERT_NE(c, nullptr);
+    clients.push_back(c);
+    static int calls;
+    static int subscribed;
+    calls = subscribed = 0;
+    /* As the daemon does: the callback subscribes at once. */
+    qn_mom_client_connect(
+        c, QN_MOM_DEV_DB,
+        [](qn_mom_client_t *cl, uint32_t db, void *) {
+            ++calls;
+            io_record pattern(0, "");
+            if (qn_mom_subscribe(cl, db, pattern.msg(), 0, [](void *, qn_mom_reply_t *) { return 0; }, nullptr) == 0)
+                ++subscribed;
+            return 0;
+        },
+        nullptr);
+    /* Run the loop task by task until the link is up; the task fetched
+     * then, the callback's, is held back. */
+    qn_thread t;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_NE(qn_thread_fetch(res_master, &t), nullptr);
+        if (qn_mom_client_is_up(c))
+            break;
+        qn_thread_call(&t);
+    }
+    ASSERT_TRUE(qn_mom_client_is_up(c));
+    EXPECT_EQ(calls, 0);
+    /* The link goes before the callback's turn. */
+    server.stop();
+    for (int i = 0; i < 50 && qn_mom_client_is_up(c); ++i) {
+        event_base_loop(qn_thread_master_event_base(res_master), EVLOOP_NONBLOCK);
+        usleep(10000);
+    }
+    ASSERT_FALSE(qn_mom_client_is_up(c));
+    qn_thread_call(&t);
+    test_loop_run(10);
+    EXPECT_EQ(calls, 0);
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(run_until([] { return calls == 1; }, 8000));
+    EXPECT_EQ(subscribed, 1);
+    test_loop_run(10);
+    EXPECT_EQ(calls, 1);
 }
 
 /* ---- value sizes, on both transports ---- */
