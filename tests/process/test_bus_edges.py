@@ -79,6 +79,10 @@ class Edges(unittest.TestCase):
         self.assertTrue(m.wait_log("MOM is not connected after 10 seconds, still trying.", 10), m.log_text())
         self.assertTrue(m.alive())
         self.redis.start()
+        # Connected, but nothing plays the device manager yet.
+        self.assertTrue(wait_for(lambda: "dm_cache: no card records on the bus (p_dev.card_info, database 1): "
+                                         "until the device manager publishes them (qn-bus inventory FILE), a "
+                                         "master lists only itself" in m.stderr_text(), 15), m.stderr_text())
         QnBus(self.tmp.path, self.redis).ok("inventory", write_inventory(self.tmp.path, INVENTORY))
         self.assertTrue(m.wait_log("handle master process.", 30), m.log_text())
         checks = m.log_text().count("still trying.")
