@@ -161,15 +161,33 @@ struct qn_mom_client : mom_hooks {
     }
 };
 
+/* Keys and reasons in these lines come from the store, written by anyone:
+ * every byte that is not printable ASCII goes out as \xNN. */
 void mom_log(const char *module, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    fprintf(stderr, "qn_mom[%s]: ", module);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
-    fflush(stderr);
+    va_list again;
+    va_copy(again, ap);
+    int n = vsnprintf(nullptr, 0, fmt, ap);
     va_end(ap);
+    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0)
+        vsnprintf(text.data(), text.size() + 1, fmt, again);
+    va_end(again);
+    std::string line = std::string("qn_mom[") + module + "]: ";
+    for (unsigned char ch : text) {
+        if (ch >= 0x20 && ch < 0x7f && ch != '\\') {
+            line += static_cast<char>(ch);
+        } else {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\x%02x", ch);
+            line += esc;
+        }
+    }
+    line += '\n';
+    fputs(line.c_str(), stderr);
+    fflush(stderr);
 }
 
 namespace {

@@ -66,6 +66,18 @@ class Edges(unittest.TestCase):
         self.assertEqual(code, 78)
         self.assertTrue(err.strip().endswith("[bus] url: expected redis://HOST:PORT ('http://127.0.0.1:1')"), err)
 
+    def test_qn_bus_dump_shows_text_from_the_bus_escaped(self):
+        self.redis = RedisServer(self.tmp.path)
+        self.redis.start()
+        bus = QnBus(self.tmp.path, self.redis)
+        bus.ok("inventory", write_inventory(self.tmp.path, "slot=1 user_slot=1 type=cm name=CM\x1b[2J\"A master=1\n"))
+        bus.ok("raw", 12, "qnmom:12:p_utils.stovig_io:\x1b]0;t\x07", "garbage")
+        out = bus.ok("dump", 1) + bus.ok("dump", 12)
+        self.assertIn('name: "CM\\x1b[2J\\x22A"', out)
+        self.assertIn("qnmom:12:p_utils.stovig_io:\\x1b]0;t\\x07 <undecodable, 7 bytes>", out)
+        self.assertNotIn("\x1b", out)
+        self.assertNotIn("\x07", out)
+
     def test_daemon_whose_redis_is_not_there_says_so_and_connects_when_it_comes(self):
         self.redis = RedisServer(self.tmp.path)
         m = self.node("cm", node_config(self.redis, 0, 1, 1, 2, 0, "CM"))

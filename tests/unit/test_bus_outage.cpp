@@ -470,6 +470,36 @@ void values_over_the_limit_are_refused_on_write(qn_mom_client_t *c)
     EXPECT_EQ(sub.values[0].substr(0, 4), "2:yy");
 }
 
+/* Keys come from the store, written by anyone: the client's diagnostics
+ * show them escaped. */
+void keys_from_the_bus_are_escaped_in_diagnostics(qn_mom_client_t *c)
+{
+    recorder sub;
+    io_record pattern(0, "");
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &sub), 0);
+    ASSERT_TRUE(run_until([&] { return !sub.kinds.empty(); }));
+    const std::string key = "qnmom:12:p_utils.stovig_io:\x1b]0;owned\x07\\";
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(qn_mom_set_raw(c, QN_MOM_MONITOR_DB, key.c_str(), "\xff\xff", 2), 0);
+    test_loop_run(20);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("value under key qnmom:12:p_utils.stovig_io:\\x1b]0;owned\\x07\\x5c does not decode"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(err.find('\x1b'), std::string::npos);
+    EXPECT_EQ(err.find('\x07'), std::string::npos);
+}
+
+TEST_F(BusValueSizeEmbedded, KeysFromTheBusAreEscapedInDiagnostics)
+{
+    keys_from_the_bus_are_escaped_in_diagnostics(c);
+}
+
+TEST_F(BusValueSizeRedis, KeysFromTheBusAreEscapedInDiagnostics)
+{
+    keys_from_the_bus_are_escaped_in_diagnostics(c);
+}
+
 TEST_F(BusValueSizeEmbedded, ValuesOverTheLimitAreRefusedOnWrite)
 {
     values_over_the_limit_are_refused_on_write(c);

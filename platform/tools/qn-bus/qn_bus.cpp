@@ -308,6 +308,24 @@ const ProtobufCMessageDescriptor *descriptor_of(const std::string &name)
 
 void print_message(std::string *out, const ProtobufCMessage *m);
 
+/* Text from the bus, for a terminal: every byte that is not printable ASCII
+ * (and the backslash and the quote) as \xNN. */
+std::string printable(const char *s, size_t len)
+{
+    std::string out;
+    for (size_t i = 0; i < len; ++i) {
+        unsigned char ch = static_cast<unsigned char>(s[i]);
+        if (ch >= 0x20 && ch < 0x7f && ch != '\\' && ch != '"') {
+            out += static_cast<char>(ch);
+        } else {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\x%02x", ch);
+            out += esc;
+        }
+    }
+    return out;
+}
+
 void print_value(std::string *out, const ProtobufCFieldDescriptor *f, const void *p)
 {
     char buf[64];
@@ -348,7 +366,7 @@ void print_value(std::string *out, const ProtobufCFieldDescriptor *f, const void
     }
     case PROTOBUF_C_TYPE_STRING: {
         const char *s = *static_cast<char *const *>(p);
-        *out += "\"" + std::string(s ? s : "") + "\"";
+        *out += "\"" + printable(s ? s : "", s ? strlen(s) : 0) + "\"";
         return;
     }
     case PROTOBUF_C_TYPE_BYTES: {
@@ -414,19 +432,20 @@ void dump_entry(void *, const char *key, const char *full_name, const void *byte
         return;
     }
     if (!bytes) {
-        printf("%s <%zu bytes, over the %d-byte limit, not read>\n", key, len, QN_MOM_MAX_VALUE);
+        printf("%s <%zu bytes, over the %d-byte limit, not read>\n", printable(key, strlen(key)).c_str(), len,
+               QN_MOM_MAX_VALUE);
         return;
     }
     const ProtobufCMessageDescriptor *d = descriptor_of(full_name ? full_name : "");
     ProtobufCMessage *m =
         d ? protobuf_c_message_unpack(d, nullptr, len, static_cast<const uint8_t *>(bytes)) : nullptr;
     if (!m) {
-        printf("%s <undecodable, %zu bytes>\n", key, len);
+        printf("%s <undecodable, %zu bytes>\n", printable(key, strlen(key)).c_str(), len);
         return;
     }
     std::string text;
     print_message(&text, m);
-    printf("%s %s\n", key, text.c_str());
+    printf("%s %s\n", printable(key, strlen(key)).c_str(), text.c_str());
     protobuf_c_message_free_unpacked(m, nullptr);
 }
 
