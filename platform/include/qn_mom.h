@@ -10,7 +10,23 @@
  *
  * Two transports sit behind the same calls: an in-process store (the default,
  * for a stand-alone box) and a Redis server ([bus] url = redis://HOST:PORT in
- * the platform config file). */
+ * the platform config file).
+ *
+ * Outages of the link to the store.  Before the client's first connection
+ * every call answers QN_MOM_ERR_NOTCONN.  Afterwards, while the link is down:
+ * writes (set, hmset, del) are kept in order in an outbox (at most 1024
+ * writes and 8 MiB; the oldest is dropped first, with a line on stderr) and
+ * made when the link is back; scans wait for the link; subscribing and
+ * unsubscribing answer QN_MOM_ERR_NOTCONN.  A subscription made stands through
+ * outages: the changes made while the link was down are delivered, in order,
+ * once it is back (or, when the store could not keep them, the current
+ * records of the subscribed types, as value replies).  After the store lost
+ * its records, the client writes back the last known value of every record
+ * it wrote, unless someone wrote it first.
+ *
+ * Values: a record whose encoding is above QN_MOM_MAX_VALUE bytes is refused
+ * (QN_MOM_ERR_TOOBIG), and a stored value above it is never read: scans skip
+ * it, with a line on stderr. */
 #ifndef QN_MOM_H
 #define QN_MOM_H
 
@@ -51,6 +67,11 @@ typedef struct qn_mom_client qn_mom_client_t;
 #define QN_MOM_ERR_PARAM (-22)      /* bad argument or record without its key */
 #define QN_MOM_ERR_NOTCONN (-107)   /* database not connected, or link down */
 #define QN_MOM_ERR_NOMEM (-12)
+#define QN_MOM_ERR_TOOBIG (-90)     /* value above QN_MOM_MAX_VALUE */
+
+/* The largest record value the client writes or reads, in bytes; the
+ * records of this system stay below 4 KiB. */
+#define QN_MOM_MAX_VALUE 65536
 
 typedef struct qn_mom_res {
     int error;                      /* non-zero: no usable value */
@@ -72,31 +93,34 @@ typedef int (*qn_mom_cb_t)(void *ctx, qn_mom_reply_t *reply);
 /* Called once when a database connection stands. */
 typedef int (*qn_mom_connect_cb_t)(qn_mom_client_t *client, uint32_t db, void *ctx);
 /* Called when a connected database's link came back (type QN_MOM_RECONNECT_*);
- * the client has already re-established its subscriptions. */
+ * the subscriptions stand, and the changes missed are on their way. */
 typedef int (*qn_mom_reconnect_cb_t)(qn_mom_client_t *client, uint32_t db, int type);
 
 /* A client for `module`, on the event loop `master`; null when the config file
  * cannot be read or the bus url is not understood (reason on stderr). */
 qn_mom_client_t *qn_mom_client_init(const char *module, struct qn_thread_master *master);
 /* Asks for database `db`; `cb` runs once the database is usable.  0, or
- * negative for a bad argument.  Once one database is connected and the link
- * is up, the calls below reach any database number; before that they return
- * QN_MOM_ERR_NOTCONN. */
+ * negative for a bad argument.  Once one database is connected, the calls
+ * below reach any database number (see the outage rules above); before that
+ * they return QN_MOM_ERR_NOTCONN. */
 int qn_mom_client_connect(qn_mom_client_t *client, uint32_t db, qn_mom_connect_cb_t cb, void *ctx);
 int qn_mom_client_set_reconnect_cb(qn_mom_client_t *client, uint32_t db, qn_mom_reconnect_cb_t cb);
 
-/* Stores `record` under its key.  `flags` and `ttl` are reserved (0). */
+/* Stores `record` under its key.  `flags` and `ttl` are reserved (0).  0
+ * means taken: made, or kept for the link's return. */
 int qn_mom_set(qn_mom_client_t *client, uint32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t ttl);
 /* The same, announced to subscribers as a field-by-field store. */
 int qn_mom_hmset(qn_mom_client_t *client, uint32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t ttl);
 /* Deletes the record whose key `record` carries; deleting a missing record is 0. */
 int qn_mom_del(qn_mom_client_t *client, uint32_t db, const ProtobufCMessage *record, uint32_t flags, uint32_t ttl);
 /* Calls cb once per stored record of the pattern's type, then once with the
- * end-of-scan reply. */
+ * end-of-scan reply.  A record of which a newer value was already handed to
+ * a callback of this client is left out. */
 int qn_mom_scan(qn_mom_client_t *client, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
                 qn_mom_cb_t cb, void *ctx);
 /* Confirms with a QN_MOM_REPLY_SUBSCRIBED reply, then calls cb for every
- * change of a record of the pattern's type. */
+ * change of a record of the pattern's type.  QN_MOM_ERR_NOTCONN while the
+ * link is down. */
 int qn_mom_subscribe(qn_mom_client_t *client, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
                      qn_mom_cb_t cb, void *ctx);
 /* The same, limited to changes of the listed field numbers. */

@@ -18,6 +18,18 @@ void qn_mom_client_free(qn_mom_client_t *client);
 const char *qn_mom_client_backend(const qn_mom_client_t *client);
 /* Whether the transport is up. */
 int qn_mom_client_is_up(const qn_mom_client_t *client);
+/* Why the last attempt to reach the store failed ("redis://HOST:PORT:
+ * Connection refused"), copied into buf; the length, 0 when it did not. */
+size_t qn_mom_client_link_error(const qn_mom_client_t *client, char *buf, size_t size);
+/* Writes not yet answered by the store. */
+size_t qn_mom_client_outbox(const qn_mom_client_t *client);
+
+typedef struct qn_mom_counters {
+    unsigned long long dropped_writes;  /* outbox full: oldest write dropped */
+    unsigned long long refused_writes;  /* value above QN_MOM_MAX_VALUE */
+    unsigned long long refused_reads;   /* stored value above QN_MOM_MAX_VALUE */
+} qn_mom_counters_t;
+void qn_mom_client_counters(const qn_mom_client_t *client, qn_mom_counters_t *out);
 
 /* Records that exist once per node (the device manager's role record) are
  * kept under the node they belong to.  A client addresses the node of its
@@ -43,6 +55,7 @@ int qn_mom_set_raw(qn_mom_client_t *client, uint32_t db, const char *key, const 
 
 /* Every stored record of `db`, all types and nodes: cb(ctx, key, full name,
  * bytes, len) once per record, in key order, then cb(ctx, null, null, null, 0).
+ * A value above QN_MOM_MAX_VALUE comes with null bytes and its size.
  * Delivered as tasks of the loop. */
 typedef void (*qn_mom_dump_cb_t)(void *ctx, const char *key, const char *full_name, const void *bytes,
                                  size_t len);

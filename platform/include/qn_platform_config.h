@@ -6,6 +6,7 @@
 #define QN_PLATFORM_CONFIG_H
 
 #include <map>
+#include <memory>
 #include <string>
 
 struct qn_platform_config {
@@ -28,7 +29,9 @@ struct qn_platform_config {
     int devid = 0;
     int phy_slot = 1;
     int user_slot = 1;
-    int node_type = 1;             /* device manager node type: 1/2 take part in role election */
+    int node_type = 1;             /* device manager node type: 1/2 take part in role election;
+                                    * without it, the one [cap] CAP_DEV_TYPE stands for */
+    bool node_type_given = false;
     int role = 1;                  /* role when no role record is on the bus (1 master) */
     std::string slot_name;         /* empty: "slot<user slot>" */
     std::string card_name;         /* empty: "box" */
@@ -42,9 +45,18 @@ struct qn_platform_config {
     std::string path;              /* the file read, empty when none */
 };
 
-/* The settings, or null when the file named by STOVIG_CONFIG cannot be read
- * or parsed; the reason (path, line, key) is printed once on stderr. */
+/* Exit status of a process whose configuration is wrong (sysexits' EX_CONFIG);
+ * a service manager should not restart it.  qn_thread_master_create() ends
+ * the process with it. */
+#define QN_PLATFORM_EX_CONFIG 78
+
+/* The settings of the file named by STOVIG_CONFIG (defaults without one), or
+ * null when the file cannot be read or parsed or its settings contradict each
+ * other; the reason (path, line, key) is printed once on stderr. */
 const qn_platform_config *qn_platform_config_get();
+
+/* The same without printing or ending: null and the reason in *error. */
+std::unique_ptr<qn_platform_config> qn_platform_config_load(std::string *error);
 
 /* Forgets the cached settings so that the next call reads the file again. */
 void qn_platform_config_reload();

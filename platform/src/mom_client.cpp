@@ -1,6 +1,22 @@
 /* The bus client calls.  The common part keeps the connection requests, the
  * subscriptions and the reconnect callbacks, decodes what the transport
- * delivers and hands every reply to its callback as a task of the event loop. */
+ * delivers and hands every reply to its callback as a task of the event loop.
+ *
+ * It also carries a node through bus outages:
+ * - writes made while the link is down wait in an outbox, in order, and go
+ *   out when it is back; the outbox keeps at most kOutboxWrites writes and
+ *   kOutboxBytes bytes, and drops the oldest first, saying so;
+ * - scans asked for while the link is down, or cut by a lost link, run when
+ *   it is back;
+ * - subscriptions are made and confirmed only on a working link; once made
+ *   they stand through outages, and the transport hands over every change
+ *   made while the link was down;
+ * - after the store lost its records, the client writes back the last known
+ *   value of every record it owns (a record it wrote), unless someone wrote
+ *   it first;
+ * - for each key, a value older than one already handed to a callback is
+ *   never handed out again (a scan and the change feed may overlap);
+ * - values above QN_MOM_MAX_VALUE are refused on write and not read. */
 #include "mom_internal.h"
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
@@ -9,10 +25,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <map>
+#include <random>
 #include <set>
 
 namespace {
+
+/* Outbox bound while the link is down: a line card writes about one record
+ * every 5 s at the default intervals, so 1024 writes hold more than an hour. */
+constexpr size_t kOutboxWrites = 1024;
+constexpr size_t kOutboxBytes = 8 * 1024 * 1024;
+/* Scans waiting for the link. */
+constexpr size_t kWaitingScans = 256;
 
 struct subscription {
     uint64_t id;
@@ -31,6 +56,18 @@ struct connect_req {
     bool announced = false;
 };
 
+struct pending_write {
+    char op;                    /* 'S', 'H', 'D', 'R' */
+    std::string key;
+    std::string bytes;
+};
+
+struct scan_req {
+    std::string prefix;
+    bool exact;
+    mom_scan_done done;
+};
+
 /* Live clients: a delivery whose client went away is dropped. */
 std::set<const qn_mom_client *> &live_clients()
 {
@@ -38,12 +75,24 @@ std::set<const qn_mom_client *> &live_clients()
     return s;
 }
 
-
 /* Record types whose subscriptions fail, by full name (fault injection). */
 std::map<std::string, int> &refused_types()
 {
     static std::map<std::string, int> m;
     return m;
+}
+
+const char *op_word(char op)
+{
+    return op == 'D' ? "delete" : "store";
+}
+
+std::string random_writer_id()
+{
+    std::random_device rd;
+    char buf[17];
+    snprintf(buf, sizeof buf, "%08x%08x", rd(), rd());
+    return buf;
 }
 
 } // namespace
@@ -61,13 +110,24 @@ struct qn_mom_client : mom_hooks {
     bool was_up = false;        /* the transport has been up once */
     bool down_since_up = false;
 
+    std::deque<pending_write> outbox;   /* not yet answered by the store, in order */
+    size_t outbox_sent = 0;             /* the first ones of the outbox are on their way */
+    size_t outbox_bytes = 0;
+    std::deque<scan_req> waiting_scans;
+    std::map<std::string, std::string> own;     /* last known value of each record we wrote */
+    std::map<std::string, mom_pos> handed_out;  /* newest position handed out, per key */
+    qn_mom_counters_t counters{};
+
     const char *module_name() const override { return module.c_str(); }
-    void transport_up() override;
+    void transport_up(const mom_link_up &up) override;
     void transport_down() override;
-    void transport_change(char op, const std::string &key, const std::string &old_bytes,
-                          const std::string &new_bytes) override;
+    void transport_change(const mom_change &change) override;
+    std::vector<mom_spec> snapshot_specs() const override;
+
     void announce_connects();
-    bool db_ready(uint32_t db) const;
+    bool db_ready() const { return !connects.empty() && transport && transport->up(); }
+    /* Writes and scans are taken once the client has been connected. */
+    bool accepting() const { return !connects.empty() && was_up; }
     bool sub_alive(uint64_t id) const
     {
         for (const subscription &s : subs)
@@ -75,17 +135,59 @@ struct qn_mom_client : mom_hooks {
                 return true;
         return false;
     }
+
+    void enqueue(char op, const std::string &key, const std::string &bytes);
+    void flush();
+    void on_ack(int error, const std::string &why);
+    void run_scan(scan_req req);
+    void run_waiting_scans();
+    void restore_own();
+    void take_snapshot(const mom_link_up &up);
+    /* Hands a record value or a deletion of `key` to the subscriptions it
+     * concerns; whether any took it. */
+    bool hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
+                               const std::string &new_bytes, bool every_field);
+    /* Whether a value of `key` read at `at` is not older than what was handed out. */
+    bool fresh(const std::string &key, const mom_pos &at) const
+    {
+        auto it = handed_out.find(key);
+        return it == handed_out.end() || it->second <= at;
+    }
+    void mark_handed_out(const std::string &key, const mom_pos &at)
+    {
+        mom_pos &p = handed_out[key];
+        if (p < at)
+            p = at;
+    }
 };
 
+/* Keys and reasons in these lines come from the store, written by anyone:
+ * every byte that is not printable ASCII goes out as \xNN. */
 void mom_log(const char *module, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    fprintf(stderr, "qn_mom[%s]: ", module);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
-    fflush(stderr);
+    va_list again;
+    va_copy(again, ap);
+    int n = vsnprintf(nullptr, 0, fmt, ap);
     va_end(ap);
+    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0)
+        vsnprintf(text.data(), text.size() + 1, fmt, again);
+    va_end(again);
+    std::string line = std::string("qn_mom[") + module + "]: ";
+    for (unsigned char ch : text) {
+        if (ch >= 0x20 && ch < 0x7f && ch != '\\') {
+            line += static_cast<char>(ch);
+        } else {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\x%02x", ch);
+            line += esc;
+        }
+    }
+    line += '\n';
+    fputs(line.c_str(), stderr);
+    fflush(stderr);
 }
 
 namespace {
@@ -165,6 +267,13 @@ bool fields_changed(const subscription &s, const std::string &old_bytes, const s
     return false;
 }
 
+bool key_matches(const subscription &s, uint32_t db, const std::string &full_name, const std::string &key)
+{
+    if (s.db != db || full_name != s.desc->name)
+        return false;
+    return s.exact ? key == s.prefix : key.compare(0, s.prefix.size(), s.prefix) == 0;
+}
+
 struct connect_delivery {
     qn_mom_client *client;
     uint32_t db;
@@ -178,8 +287,14 @@ int run_connect(qn_thread *t)
     if (live_clients().count(c)) {
         if (d->type == 0) {
             auto it = c->connects.find(d->db);
-            if (it != c->connects.end() && it->second.cb)
+            if (it != c->connects.end() && !c->db_ready()) {
+                /* The link went again before the callback's turn: it runs
+                 * when the database is usable, so that what it subscribes
+                 * to can stand. */
+                it->second.announced = false;
+            } else if (it != c->connects.end() && it->second.cb) {
                 it->second.cb(c, d->db, it->second.ctx);
+            }
         } else {
             auto it = c->reconnects.find(d->db);
             if (it != c->reconnects.end() && it->second)
@@ -220,19 +335,45 @@ bool parse_url(const std::string &url, std::string *host, int *port)
     return !host->empty();
 }
 
-int store(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, char op)
+/* Counts and reports a value refused for its size. */
+int refuse_too_big(qn_mom_client_t *c, const std::string &key, size_t size)
+{
+    ++c->counters.refused_writes;
+    mom_log(c->module.c_str(), "refused to store %zu bytes under %s: over the %d-byte limit (%llu refused so far)", size,
+            key.c_str(), QN_MOM_MAX_VALUE, static_cast<unsigned long long>(c->counters.refused_writes));
+    return QN_MOM_ERR_TOOBIG;
+}
+
+int store(qn_mom_client_t *c, char op, const std::string &key, const std::string &bytes)
+{
+    if (!c->accepting())
+        return QN_MOM_ERR_NOTCONN;
+    if (op != 'D' && bytes.size() > QN_MOM_MAX_VALUE)
+        return refuse_too_big(c, key, bytes.size());
+    if (op == 'D')
+        c->own.erase(key);
+    else
+        c->own[key] = bytes;
+    c->enqueue(op, key, bytes);
+    c->flush();
+    return 0;
+}
+
+int store_record(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, char op)
 {
     if (!c || !record)
         return QN_MOM_ERR_PARAM;
     std::string key;
     if (!mom_key_of(record, db, c->node_devid, c->node_slot, &key))
         return QN_MOM_ERR_PARAM;
-    if (!c->db_ready(db))
+    if (!c->accepting())
         return QN_MOM_ERR_NOTCONN;
     size_t len = protobuf_c_message_get_packed_size(record);
+    if (len > QN_MOM_MAX_VALUE)
+        return refuse_too_big(c, key, len);
     std::string bytes(len, '\0');
     protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(bytes.data()));
-    return c->transport->put(op, key, bytes);
+    return store(c, op, key, bytes);
 }
 
 int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern, const uint32_t *fields,
@@ -240,7 +381,9 @@ int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pa
 {
     if (!c || !pattern || !pattern->descriptor || !cb || (nfields && !fields))
         return QN_MOM_ERR_PARAM;
-    if (c->connects.empty())
+    /* Confirmed only on a working link: a subscription made while the link
+     * is down would be announced as standing when nothing could reach it. */
+    if (!c->db_ready())
         return QN_MOM_ERR_NOTCONN;
     auto refused = refused_types().find(pattern->descriptor->name);
     if (refused != refused_types().end())
@@ -262,13 +405,6 @@ int add_subscription(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pa
 
 } // namespace
 
-/* Any database is reachable once the client has connected one and the link
- * is up: a daemon may read a database it never asked a connect callback for. */
-bool qn_mom_client::db_ready(uint32_t) const
-{
-    return !connects.empty() && transport && transport->up();
-}
-
 void qn_mom_client::announce_connects()
 {
     for (auto &[db, req] : connects) {
@@ -279,16 +415,179 @@ void qn_mom_client::announce_connects()
     }
 }
 
-void qn_mom_client::transport_up()
+void qn_mom_client::enqueue(char op, const std::string &key, const std::string &bytes)
+{
+    /* Full: the oldest write not yet on its way goes first. */
+    while (outbox_sent < outbox.size() &&
+           (outbox.size() >= kOutboxWrites || outbox_bytes + bytes.size() > kOutboxBytes)) {
+        auto oldest = outbox.begin() + static_cast<std::ptrdiff_t>(outbox_sent);
+        ++counters.dropped_writes;
+        mom_log(module.c_str(),
+                "link down, outbox full (%zu writes, %zu bytes): dropped the oldest, a %s of %s (%llu dropped so far)",
+                outbox.size(), outbox_bytes, op_word(oldest->op), oldest->key.c_str(),
+                static_cast<unsigned long long>(counters.dropped_writes));
+        outbox_bytes -= oldest->bytes.size();
+        outbox.erase(oldest);
+    }
+    outbox.push_back({op, key, bytes});
+    outbox_bytes += bytes.size();
+}
+
+void qn_mom_client::flush()
+{
+    while (transport->up() && outbox_sent < outbox.size()) {
+        pending_write w = outbox[outbox_sent];
+        ++outbox_sent;
+        if (transport->write(w.op, w.key, w.bytes, [this](int error, const std::string &why) { on_ack(error, why); }) !=
+            0) {
+            if (outbox_sent > 0)
+                --outbox_sent;
+            break;
+        }
+    }
+}
+
+/* The store answers writes in the order they were sent: an answer is the
+ * first write's. */
+void qn_mom_client::on_ack(int error, const std::string &why)
+{
+    if (error == QN_MOM_ERR_NOTCONN) {
+        /* The link went: every unanswered write goes again on the next one. */
+        outbox_sent = 0;
+        return;
+    }
+    if (outbox.empty() || outbox_sent == 0)
+        return;
+    const pending_write &w = outbox.front();
+    if (error != 0)
+        mom_log(module.c_str(), "%s of %s refused by the store: %s", op_word(w.op), w.key.c_str(), why.c_str());
+    outbox_bytes -= w.bytes.size();
+    outbox.pop_front();
+    --outbox_sent;
+}
+
+void qn_mom_client::run_scan(scan_req req)
+{
+    if (transport->up()) {
+        scan_req again = req;
+        int ret = transport->scan(req.prefix, req.exact,
+                                  [this, again](int error, mom_pos at, std::vector<mom_entry> entries) {
+                                      if (error == QN_MOM_ERR_NOTCONN) {
+                                          waiting_scans.push_back(again);
+                                          return;
+                                      }
+                                      again.done(error, at, std::move(entries));
+                                  });
+        if (ret == 0)
+            return;
+    }
+    if (waiting_scans.size() >= kWaitingScans) {
+        mom_log(module.c_str(), "link down, %zu scans waiting: the oldest, of %s, ends unanswered", waiting_scans.size(),
+                waiting_scans.front().prefix.c_str());
+        scan_req oldest = std::move(waiting_scans.front());
+        waiting_scans.pop_front();
+        oldest.done(QN_MOM_ERR_NOTCONN, mom_pos{}, {});
+    }
+    waiting_scans.push_back(std::move(req));
+}
+
+void qn_mom_client::run_waiting_scans()
+{
+    std::deque<scan_req> now;
+    now.swap(waiting_scans);
+    for (scan_req &r : now)
+        run_scan(std::move(r));
+}
+
+void qn_mom_client::restore_own()
+{
+    if (!own.empty())
+        mom_log(module.c_str(), "writing back the %zu records this client keeps, where no one wrote them yet",
+                own.size());
+    for (const auto &[key, bytes] : own)
+        enqueue('R', key, bytes);
+    flush();
+}
+
+bool qn_mom_client::hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
+                                          const std::string &new_bytes, bool every_field)
+{
+    uint32_t db;
+    std::string full_name;
+    if (!mom_key_split(key, &db, &full_name))
+        return false;
+    std::vector<subscription> matching;
+    for (const subscription &s : subs) {
+        if (!key_matches(s, db, full_name, key))
+            continue;
+        if (type != QN_MOM_REPLY_DEL && !every_field && !fields_changed(s, old_bytes, new_bytes))
+            continue;
+        matching.push_back(s);
+    }
+    bool handed = false;
+    for (const subscription &s : matching) {
+        ProtobufCMessage *value = nullptr;
+        if (type != QN_MOM_REPLY_DEL) {
+            value = decode(this, s.desc, key, new_bytes);
+            if (!value)
+                continue;
+        }
+        delivery *d = make(this, s.id, s.cb, s.ctx, db, type);
+        d->key = key;
+        d->reply.res = &d->res;
+        d->res.value = value;
+        queue(this, d);
+        handed = true;
+    }
+    return handed;
+}
+
+void qn_mom_client::take_snapshot(const mom_link_up &up)
+{
+    std::set<std::string> present;
+    for (const mom_entry &e : up.entries) {
+        present.insert(e.key);
+        if (e.oversized) {
+            ++counters.refused_reads;
+            mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
+                    e.key.c_str(), e.size, QN_MOM_MAX_VALUE, static_cast<unsigned long long>(counters.refused_reads));
+            continue;
+        }
+        auto mine = own.find(e.key);
+        if (mine != own.end())
+            mine->second = e.bytes;
+        if (hand_to_subscriptions(QN_MOM_REPLY_SET, e.key, std::string(), e.bytes, true))
+            mark_handed_out(e.key, up.at);
+    }
+    /* Gone from a store that kept its records: someone deleted them. */
+    if (!up.store_reset)
+        std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first); });
+}
+
+void qn_mom_client::transport_up(const mom_link_up &up)
 {
     if (was_up && down_since_up) {
-        mom_log(module.c_str(), "link to the store is back, %zu subscriptions stand again", subs.size());
+        mom_log(module.c_str(), "link to the store is back, %zu subscriptions stand; %s", subs.size(),
+                up.snapshot      ? "changes were lost from the store's log, the current records are read"
+                : up.store_reset ? "the store was emptied, its new log is read from the start"
+                                 : "the changes missed are read from the store's log");
+    }
+    if (up.store_reset)
+        handed_out.clear();
+    if (up.snapshot)
+        take_snapshot(up);
+    bool again = was_up && down_since_up;
+    was_up = true;
+    down_since_up = false;
+    flush();
+    if (up.store_reset)
+        restore_own();
+    run_waiting_scans();
+    if (again) {
         for (auto &[db, cb] : reconnects)
             if (connects.count(db) && connects[db].announced)
                 queue_connect(this, db, QN_MOM_RECONNECT_LINK);
     }
-    was_up = true;
-    down_since_up = false;
     announce_connects();
 }
 
@@ -299,37 +598,43 @@ void qn_mom_client::transport_down()
     down_since_up = true;
 }
 
-void qn_mom_client::transport_change(char op, const std::string &key, const std::string &old_bytes,
-                                     const std::string &new_bytes)
+void qn_mom_client::transport_change(const mom_change &c)
 {
-    uint32_t db;
-    std::string full_name;
-    if (!mom_key_split(key, &db, &full_name))
-        return;
-    std::vector<subscription> matching;
-    for (const subscription &s : subs) {
-        if (s.db != db || full_name != s.desc->name)
-            continue;
-        if (s.exact ? key != s.prefix : key.compare(0, s.prefix.size(), s.prefix) != 0)
-            continue;
-        if (op != 'D' && !fields_changed(s, old_bytes, new_bytes))
-            continue;
-        matching.push_back(s);
-    }
-    for (const subscription &s : matching) {
-        int type = op == 'D' ? QN_MOM_REPLY_DEL : op == 'H' ? QN_MOM_REPLY_HSET : QN_MOM_REPLY_SET;
-        ProtobufCMessage *value = nullptr;
-        if (op != 'D') {
-            value = decode(this, s.desc, key, new_bytes);
-            if (!value)
-                continue;
+    if (!c.from_self) {
+        auto mine = own.find(c.key);
+        if (mine != own.end()) {
+            if (c.op == 'D')
+                own.erase(mine);
+            else
+                mine->second = c.new_bytes;
         }
-        delivery *d = make(this, s.id, s.cb, s.ctx, db, type);
-        d->key = key;
-        d->reply.res = &d->res;
-        d->res.value = value;
-        queue(this, d);
     }
+    if (c.op != 'D' && c.new_bytes.size() > QN_MOM_MAX_VALUE) {
+        ++counters.refused_reads;
+        mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
+                c.key.c_str(), c.new_bytes.size(), QN_MOM_MAX_VALUE,
+                static_cast<unsigned long long>(counters.refused_reads));
+        return;
+    }
+    auto seen = handed_out.find(c.key);
+    if (seen != handed_out.end() && c.pos <= seen->second)
+        return;
+    int type = c.op == 'D' ? QN_MOM_REPLY_DEL : c.op == 'H' ? QN_MOM_REPLY_HSET : QN_MOM_REPLY_SET;
+    if (hand_to_subscriptions(type, c.key, c.old_bytes, c.new_bytes, false))
+        mark_handed_out(c.key, c.pos);
+}
+
+std::vector<mom_spec> qn_mom_client::snapshot_specs() const
+{
+    std::vector<mom_spec> out;
+    std::set<std::pair<std::string, bool>> seen;
+    for (const subscription &s : subs)
+        if (seen.insert({s.prefix, s.exact}).second)
+            out.push_back({s.prefix, s.exact});
+    for (const auto &[key, bytes] : own)
+        if (seen.insert({key, true}).second)
+            out.push_back({key, true});
+    return out;
 }
 
 extern "C" {
@@ -357,7 +662,7 @@ qn_mom_client_t *qn_mom_client_init(const char *module, qn_thread_master *master
             delete c;
             return nullptr;
         }
-        c->transport = mom_redis_create(c, master, host, port, cfg->bus_user, cfg->bus_password);
+        c->transport = mom_redis_create(c, master, host, port, cfg->bus_user, cfg->bus_password, random_writer_id());
     }
     if (!c->transport) {
         delete c;
@@ -391,12 +696,12 @@ int qn_mom_client_set_reconnect_cb(qn_mom_client_t *c, uint32_t db, qn_mom_recon
 
 int qn_mom_set(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, uint32_t, uint32_t)
 {
-    return store(c, db, record, 'S');
+    return store_record(c, db, record, 'S');
 }
 
 int qn_mom_hmset(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, uint32_t, uint32_t)
 {
-    return store(c, db, record, 'H');
+    return store_record(c, db, record, 'H');
 }
 
 int qn_mom_del(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, uint32_t, uint32_t)
@@ -406,9 +711,7 @@ int qn_mom_del(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *record, 
     std::string key;
     if (!mom_key_of(record, db, c->node_devid, c->node_slot, &key))
         return QN_MOM_ERR_PARAM;
-    if (!c->db_ready(db))
-        return QN_MOM_ERR_NOTCONN;
-    return c->transport->del(key);
+    return store(c, 'D', key, std::string());
 }
 
 int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern, uint32_t, qn_mom_cb_t cb,
@@ -416,18 +719,29 @@ int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern
 {
     if (!c || !pattern || !pattern->descriptor || !cb)
         return QN_MOM_ERR_PARAM;
-    if (!c->db_ready(db))
+    if (!c->accepting())
         return QN_MOM_ERR_NOTCONN;
     const ProtobufCMessageDescriptor *desc = pattern->descriptor;
-    bool exact = false;
-    std::string prefix = mom_type_prefix(desc, db, c->node_devid, c->node_slot, &exact);
-    return c->transport->scan(prefix, exact, [c, db, desc, cb, ctx](int error, std::vector<mom_entry> entries) {
+    scan_req req;
+    req.prefix = mom_type_prefix(desc, db, c->node_devid, c->node_slot, &req.exact);
+    req.done = [c, db, desc, cb, ctx](int error, mom_pos at, std::vector<mom_entry> entries) {
         if (!live_clients().count(c))
             return;
         for (const mom_entry &e : entries) {
+            if (e.oversized) {
+                ++c->counters.refused_reads;
+                mom_log(c->module.c_str(),
+                        "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
+                        e.key.c_str(), e.size, QN_MOM_MAX_VALUE,
+                        static_cast<unsigned long long>(c->counters.refused_reads));
+                continue;
+            }
+            if (!c->fresh(e.key, at))
+                continue; /* a newer value of it was handed out already */
             ProtobufCMessage *value = decode(c, desc, e.key, e.bytes);
             if (!value)
                 continue;
+            c->mark_handed_out(e.key, at);
             delivery *d = make(c, 0, cb, ctx, db, QN_MOM_REPLY_SCAN);
             d->key = e.key;
             d->reply.res = &d->res;
@@ -438,7 +752,9 @@ int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern
         end->reply.error = error;
         end->reply.scan_state = QN_MOM_SCAN_OVER;
         queue(c, end);
-    });
+    };
+    c->run_scan(std::move(req));
+    return 0;
 }
 
 int qn_mom_subscribe(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern, uint32_t, qn_mom_cb_t cb,
@@ -458,6 +774,8 @@ int qn_mom_unsubscribe(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *
 {
     if (!c || !pattern || !pattern->descriptor)
         return QN_MOM_ERR_PARAM;
+    if (!c->db_ready())
+        return QN_MOM_ERR_NOTCONN;
     size_t before = c->subs.size();
     std::erase_if(c->subs, [&](const subscription &s) {
         return s.db == db && s.desc == pattern->descriptor && s.cb == cb && s.ctx == ctx;
@@ -497,6 +815,25 @@ int qn_mom_client_is_up(const qn_mom_client_t *c)
     return c && c->transport && c->transport->up();
 }
 
+size_t qn_mom_client_link_error(const qn_mom_client_t *c, char *buf, size_t size)
+{
+    std::string why = c && c->transport ? c->transport->link_error() : std::string();
+    if (buf && size > 0)
+        snprintf(buf, size, "%s", why.c_str());
+    return why.size();
+}
+
+size_t qn_mom_client_outbox(const qn_mom_client_t *c)
+{
+    return c ? c->outbox.size() : 0;
+}
+
+void qn_mom_client_counters(const qn_mom_client_t *c, qn_mom_counters_t *out)
+{
+    if (c && out)
+        *out = c->counters;
+}
+
 void qn_mom_client_set_node(qn_mom_client_t *c, int32_t devid, int32_t phy_slot)
 {
     if (!c)
@@ -521,19 +858,20 @@ int qn_mom_set_raw(qn_mom_client_t *c, uint32_t db, const char *key, const void 
     std::string name;
     if (!c || !key || (!bytes && len) || !mom_key_split(key, &kdb, &name) || kdb != db)
         return QN_MOM_ERR_PARAM;
-    if (!c->db_ready(db))
-        return QN_MOM_ERR_NOTCONN;
-    return c->transport->put('S', key, std::string(static_cast<const char *>(bytes), len));
+    return store(c, 'S', key, std::string(static_cast<const char *>(bytes), len));
 }
 
 int qn_mom_dump(qn_mom_client_t *c, uint32_t db, qn_mom_dump_cb_t cb, void *ctx)
 {
     if (!c || !cb)
         return QN_MOM_ERR_PARAM;
-    if (!c->db_ready(db))
+    if (!c->accepting())
         return QN_MOM_ERR_NOTCONN;
     qn_thread_master *m = c->master;
-    return c->transport->scan(mom_db_prefix(db), false, [m, cb, ctx](int, std::vector<mom_entry> entries) {
+    scan_req req;
+    req.prefix = mom_db_prefix(db);
+    req.exact = false;
+    req.done = [m, cb, ctx](int, mom_pos, std::vector<mom_entry> entries) {
         struct dump_task {
             qn_mom_dump_cb_t cb;
             void *ctx;
@@ -549,14 +887,16 @@ int qn_mom_dump(qn_mom_client_t *c, uint32_t db, qn_mom_dump_cb_t cb, void *ctx)
                     std::string name;
                     if (!mom_key_split(e.key, &kdb, &name))
                         name.clear();
-                    d->cb(d->ctx, e.key.c_str(), name.c_str(), e.bytes.data(), e.bytes.size());
+                    d->cb(d->ctx, e.key.c_str(), name.c_str(), e.oversized ? nullptr : e.bytes.data(), e.size);
                 }
                 d->cb(d->ctx, nullptr, nullptr, nullptr, 0);
                 delete d;
                 return 0;
             },
             t, 0, "qn_mom_dump");
-    });
+    };
+    c->run_scan(std::move(req));
+    return 0;
 }
 
 } // extern "C"

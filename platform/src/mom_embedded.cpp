@@ -1,6 +1,7 @@
 /* In-process store: the bus of a stand-alone box.  One store per process,
  * shared by every client of the process; a change is announced to each of
- * them, and they queue the replies on their own loops. */
+ * them, numbered by one process-wide counter, and they queue the replies on
+ * their own loops.  The link never goes down. */
 #include "mom_internal.h"
 #include "qn_mom_standin.h"
 
@@ -15,52 +16,72 @@ std::map<std::string, std::string> &store()
     return s;
 }
 
-std::set<mom_hooks *> &clients()
+uint64_t &last_change()
 {
-    static std::set<mom_hooks *> s;
-    return s;
+    static uint64_t n = 0;
+    return n;
 }
 
-void announce(char op, const std::string &key, const std::string &old_bytes, const std::string &new_bytes)
+struct embedded;
+
+std::set<embedded *> &clients()
 {
-    /* Copy: announcing never re-enters the set, but a client may go away later. */
-    std::set<mom_hooks *> now = clients();
-    for (mom_hooks *h : now)
-        h->transport_change(op, key, old_bytes, new_bytes);
+    static std::set<embedded *> s;
+    return s;
 }
 
 struct embedded : mom_transport {
     mom_hooks *hooks;
     bool started = false;
 
-    explicit embedded(mom_hooks *h) : hooks(h) { clients().insert(h); }
-    ~embedded() override { clients().erase(hooks); }
+    explicit embedded(mom_hooks *h) : hooks(h) { clients().insert(this); }
+    ~embedded() override { clients().erase(this); }
+
+    static void announce(const embedded *writer, char op, const std::string &key, const std::string &old_bytes,
+                         const std::string &new_bytes)
+    {
+        mom_change c;
+        c.pos.seq = ++last_change();
+        c.op = op;
+        c.key = key;
+        c.old_bytes = old_bytes;
+        c.new_bytes = new_bytes;
+        /* Copy: announcing never re-enters the set, but a client may go away later. */
+        std::set<embedded *> now = clients();
+        for (embedded *e : now) {
+            if (!e->started)
+                continue;
+            c.from_self = e == writer;
+            e->hooks->transport_change(c);
+        }
+    }
 
     const char *name() const override { return "embedded"; }
     bool up() const override { return started; }
     void start() override
     {
         started = true;
-        hooks->transport_up();
+        mom_link_up up;
+        up.first = true;
+        up.at.seq = last_change();
+        hooks->transport_up(up);
     }
-    int put(char op, const std::string &key, const std::string &bytes) override
+    int write(char op, const std::string &key, const std::string &bytes, mom_write_done done) override
     {
         auto &s = store();
         auto it = s.find(key);
-        std::string old = it == s.end() ? std::string() : it->second;
-        s[key] = bytes;
-        announce(op, key, old, bytes);
-        return 0;
-    }
-    int del(const std::string &key) override
-    {
-        auto &s = store();
-        auto it = s.find(key);
-        if (it == s.end())
-            return 0;
-        std::string old = std::move(it->second);
-        s.erase(it);
-        announce('D', key, old, std::string());
+        if (op == 'D') {
+            if (it != s.end()) {
+                std::string old = std::move(it->second);
+                s.erase(it);
+                announce(this, 'D', key, old, std::string());
+            }
+        } else if (op != 'R' || it == s.end()) {
+            std::string old = it == s.end() ? std::string() : it->second;
+            s[key] = bytes;
+            announce(this, op == 'R' ? 'S' : op, key, old, bytes);
+        }
+        done(0, std::string());
         return 0;
     }
     int scan(const std::string &prefix, bool exact, mom_scan_done done) override
@@ -70,9 +91,18 @@ struct embedded : mom_transport {
         for (auto it = s.lower_bound(prefix); it != s.end(); ++it) {
             if (exact ? it->first != prefix : it->first.compare(0, prefix.size(), prefix) != 0)
                 break;
-            out.push_back({it->first, it->second});
+            mom_entry e;
+            e.key = it->first;
+            e.size = it->second.size();
+            if (e.size > QN_MOM_MAX_VALUE)
+                e.oversized = true;
+            else
+                e.bytes = it->second;
+            out.push_back(std::move(e));
         }
-        done(0, std::move(out));
+        mom_pos at;
+        at.seq = last_change();
+        done(0, at, std::move(out));
         return 0;
     }
 };

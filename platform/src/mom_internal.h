@@ -5,6 +5,7 @@
 
 #include "qn_mom.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,43 +30,97 @@ std::string mom_db_prefix(uint32_t db);
  * false when the bytes are not a well-formed record. */
 bool mom_wire_field(const std::string &bytes, uint32_t number, std::string *out);
 
+/* ---- positions in the store's change log ---- */
+
+/* Every change the store makes is numbered; a Redis stream id "<ms>-<seq>",
+ * or a plain counter ({0, n}) in the in-process store.  {0, 0} comes before
+ * every change. */
+struct mom_pos {
+    uint64_t ms = 0;
+    uint64_t seq = 0;
+    friend bool operator<(const mom_pos &a, const mom_pos &b)
+    {
+        return a.ms < b.ms || (a.ms == b.ms && a.seq < b.seq);
+    }
+    friend bool operator<=(const mom_pos &a, const mom_pos &b) { return !(b < a); }
+};
+bool mom_pos_parse(const std::string &text, mom_pos *out);
+std::string mom_pos_text(const mom_pos &p);
+
 /* ---- transports ---- */
 
+/* One stored record as a scan returns it.  A value above QN_MOM_MAX_VALUE is
+ * not read: `oversized` is set, `bytes` is empty and `size` says how big. */
 struct mom_entry {
     std::string key;
     std::string bytes;
+    size_t size = 0;
+    bool oversized = false;
 };
 
-struct mom_transport;
+/* One change of the store, in the store's order. */
+struct mom_change {
+    mom_pos pos;
+    char op = 'S';              /* 'S' set, 'H' field set, 'D' delete */
+    std::string key;
+    std::string old_bytes;      /* empty when absent */
+    std::string new_bytes;      /* empty for a delete */
+    bool from_self = false;     /* written by this client */
+};
+
+/* What the transport found when its link (re)started. */
+struct mom_link_up {
+    bool first = false;         /* the first link of this client */
+    bool store_reset = false;   /* the store lost its records since the last link */
+    bool snapshot = false;      /* the change log could not fill the gap: entries
+                                 * hold the current records asked for */
+    mom_pos at;                 /* log position of the snapshot */
+    std::vector<mom_entry> entries;
+};
+
+/* What a snapshot must cover: every record under a prefix, or one key. */
+struct mom_spec {
+    std::string prefix;
+    bool exact = false;
+};
 
 /* Hooks of the common client, called by the transports from the loop. */
 struct mom_hooks {
     virtual ~mom_hooks() = default;
     virtual const char *module_name() const = 0;
-    virtual void transport_up() = 0;
+    virtual void transport_up(const mom_link_up &up) = 0;
     virtual void transport_down() = 0;
-    /* op: 'S' set, 'H' field set, 'D' delete; old/new empty when absent */
-    virtual void transport_change(char op, const std::string &key, const std::string &old_bytes,
-                                  const std::string &new_bytes) = 0;
+    virtual void transport_change(const mom_change &change) = 0;
+    /* The records a snapshot must read: subscribed types and own records. */
+    virtual std::vector<mom_spec> snapshot_specs() const = 0;
 };
 
-using mom_scan_done = std::function<void(int error, std::vector<mom_entry> entries)>;
+/* A write's answer: 0, QN_MOM_ERR_NOTCONN when the link went before the
+ * answer (the write may or may not have been made), or another negative
+ * code with the store's reason. */
+using mom_write_done = std::function<void(int error, const std::string &why)>;
+/* A scan's answer, with the log position the records were read at;
+ * QN_MOM_ERR_NOTCONN when the link went first. */
+using mom_scan_done = std::function<void(int error, mom_pos at, std::vector<mom_entry> entries)>;
 
 struct mom_transport {
     virtual ~mom_transport() = default;
     virtual const char *name() const = 0;
     virtual bool up() const = 0;
     virtual void start() = 0;
-    virtual int put(char op, const std::string &key, const std::string &bytes) = 0;
-    virtual int del(const std::string &key) = 0;
+    /* op: 'S' set, 'H' field set, 'D' delete, 'R' set only when the key is
+     * missing (announced as 'S').  Non-zero when it cannot even be sent. */
+    virtual int write(char op, const std::string &key, const std::string &bytes, mom_write_done done) = 0;
     /* Every record whose key starts with prefix (or equals it when exact). */
     virtual int scan(const std::string &prefix, bool exact, mom_scan_done done) = 0;
+    /* Why the last attempt to reach the store failed; empty when it did not. */
+    virtual std::string link_error() const { return {}; }
 };
 
 std::unique_ptr<mom_transport> mom_embedded_create(mom_hooks *hooks, struct qn_thread_master *master);
 std::unique_ptr<mom_transport> mom_redis_create(mom_hooks *hooks, struct qn_thread_master *master,
                                                 const std::string &host, int port, const std::string &user,
-                                                const std::string &password);
+                                                const std::string &password, const std::string &writer_id);
 
 /* Diagnostics of the client go to stderr, one line each, "qn_mom[<module>]: ". */
 void mom_log(const char *module, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

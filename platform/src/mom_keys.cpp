@@ -174,3 +174,27 @@ bool mom_wire_field(const std::string &bytes, uint32_t number, std::string *out)
     }
     return true;
 }
+
+bool mom_pos_parse(const std::string &text, mom_pos *out)
+{
+    size_t dash = text.find('-');
+    if (dash == std::string::npos || dash == 0 || dash + 1 >= text.size())
+        return false;
+    uint64_t v[2] = {0, 0};
+    const std::string parts[2] = {text.substr(0, dash), text.substr(dash + 1)};
+    for (int i = 0; i < 2; ++i) {
+        for (char c : parts[i]) {
+            if (c < '0' || c > '9' || v[i] > (UINT64_MAX - 9) / 10)
+                return false;
+            v[i] = v[i] * 10 + static_cast<uint64_t>(c - '0');
+        }
+    }
+    out->ms = v[0];
+    out->seq = v[1];
+    return true;
+}
+
+std::string mom_pos_text(const mom_pos &p)
+{
+    return std::to_string(p.ms) + "-" + std::to_string(p.seq);
+}

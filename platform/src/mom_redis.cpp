@@ -1,10 +1,19 @@
-/* Redis transport: records are strings under their storage keys; every
- * change is published, by the same server-side script that makes it, on one
- * change channel with the old and the new value, so subscribers can tell
- * which fields changed.  Two connections on the daemon's libevent base: one
- * for commands, one listening on the change channel.  A lost link is retried
- * with back-off; the listener is re-subscribed before the client is told the
- * link is back. */
+/* Redis transport.  Records are strings under their storage keys.  Every
+ * change is made by a server-side script that also appends it, with the old
+ * and the new value, to one change log, the stream "qnmom:stream" (trimmed to
+ * about kLogLength entries).  Each client reads that log from the position it
+ * last saw, so a client whose link dropped reads, once it is back, every
+ * change it missed, in order.  The key "qnmom:epoch" names the store's
+ * lifetime: when it differs from the one a client knew, the store was emptied
+ * (restarted without persistence) and the client reads the new log from its
+ * start.  When the log was trimmed past the client's position the client gets
+ * the current records instead (a snapshot).
+ *
+ * Two connections on the daemon's libevent base: one for commands, one that
+ * blocks reading the log.  A link that fails, or does not answer in time, is
+ * dropped whole and retried with back-off.  Values above QN_MOM_MAX_VALUE are
+ * refused by the write script and never read back by a scan, so no reply and
+ * no log entry carries one. */
 #include "mom_internal.h"
 #include "qn_thread_standin.h"
 
@@ -13,41 +22,145 @@
 #include <hiredis/hiredis.h>
 #include <hiredis/adapters/libevent.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <deque>
+#include <random>
 
 namespace {
 
-const char kChannel[] = "qnmom:changes";
+const char kLog[] = "qnmom:stream";
+const char kEpoch[] = "qnmom:epoch";
+/* The change log keeps at least this many changes: about 20 minutes of a
+ * chassis of 20 nodes at the default sampling intervals. */
+const char kLogLength[] = "4096";
+const char kReadCount[] = "256";
+/* A blocked read of the log returns at least this often (ms). */
+const char kReadBlockMs[] = "2000";
 
+using steady = std::chrono::steady_clock;
+const auto kConnectTimeout = std::chrono::seconds(3);
+const auto kReadTimeout = std::chrono::seconds(6);
+const auto kCommandTimeout = std::chrono::seconds(10);
+const auto kStillUnreachableEvery = std::chrono::seconds(60);
+
+/* KEYS: record key, log.  ARGV: value, op, writer, size limit, log length,
+ * '1' to write only when the key is missing. */
 const char kSetScript[] =
+    "if string.len(ARGV[1]) > tonumber(ARGV[4]) then\n"
+    "  return redis.error_reply('value of ' .. string.len(ARGV[1]) .. ' bytes is over the limit')\n"
+    "end\n"
     "local old = redis.call('GET', KEYS[1])\n"
-    "if not old then old = '' end\n"
+    "if ARGV[6] == '1' and old then return 0 end\n"
+    "if not old or string.len(old) > tonumber(ARGV[4]) then old = '' end\n"
     "redis.call('SET', KEYS[1], ARGV[1])\n"
-    "redis.call('PUBLISH', ARGV[2], ARGV[3] .. string.len(KEYS[1]) .. ':' .. KEYS[1] .. "
-    "string.len(old) .. ':' .. old .. ARGV[1])\n"
-    "return 0\n";
+    "redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[5], '*', 'o', ARGV[2], 'k', KEYS[1], 'v', ARGV[1], "
+    "'p', old, 'w', ARGV[3])\n"
+    "return 1\n";
 
+/* KEYS: record key, log.  ARGV: writer, size limit, log length. */
 const char kDelScript[] =
     "local old = redis.call('GET', KEYS[1])\n"
     "if not old then return 0 end\n"
     "redis.call('DEL', KEYS[1])\n"
-    "redis.call('PUBLISH', ARGV[1], 'D' .. string.len(KEYS[1]) .. ':' .. KEYS[1] .. "
-    "string.len(old) .. ':' .. old)\n"
+    "if string.len(old) > tonumber(ARGV[2]) then old = '' end\n"
+    "redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[3], '*', 'o', 'D', 'k', KEYS[1], 'v', '', 'p', old, "
+    "'w', ARGV[1])\n"
     "return 1\n";
 
-/* ARGV: key prefix, '1' for an exact key, glob pattern of the prefix. */
-const char kScanScript[] =
-    "local out = {}\n"
-    "if ARGV[2] == '1' then\n"
-    "  local v = redis.call('GET', ARGV[1])\n"
-    "  if v then out[1] = ARGV[1]; out[2] = v end\n"
-    "  return out\n"
+/* Shared by the scan and sync scripts: the log's last position, and the
+ * records of one spec appended to out as key, value (or the value's size
+ * when it is over the limit). */
+const char kReadHelpers[] =
+    "local function last_pos(log)\n"
+    "  local l = redis.call('XREVRANGE', log, '+', '-', 'COUNT', 1)\n"
+    "  if #l > 0 then return l[1][1] end\n"
+    "  return '0-0'\n"
     "end\n"
-    "local keys = redis.call('KEYS', ARGV[3])\n"
-    "table.sort(keys)\n"
-    "for _, k in ipairs(keys) do\n"
-    "  if redis.call('TYPE', k)['ok'] == 'string' then\n"
-    "    out[#out + 1] = k; out[#out + 1] = redis.call('GET', k)\n"
+    "local function add(out, k, limit)\n"
+    "  if redis.call('TYPE', k)['ok'] ~= 'string' then return end\n"
+    "  local n = redis.call('STRLEN', k)\n"
+    "  out[#out + 1] = k\n"
+    "  if n > limit then out[#out + 1] = n else out[#out + 1] = redis.call('GET', k) end\n"
+    "end\n"
+    "local function read(out, exact, prefix, glob, limit)\n"
+    "  if exact then\n"
+    "    if redis.call('EXISTS', prefix) == 1 then add(out, prefix, limit) end\n"
+    "    return\n"
+    "  end\n"
+    "  local keys = redis.call('KEYS', glob)\n"
+    "  table.sort(keys)\n"
+    "  for _, k in ipairs(keys) do add(out, k, limit) end\n"
+    "end\n";
+
+/* KEYS: log.  ARGV: prefix, '1' for an exact key, glob of the prefix, size
+ * limit.  Returns the log position, then key, value pairs. */
+const char kScanBody[] =
+    "local out = {last_pos(KEYS[1])}\n"
+    "read(out, ARGV[2] == '1', ARGV[1], ARGV[3], tonumber(ARGV[4]))\n"
+    "return out\n";
+
+/* KEYS: log, epoch.  ARGV: the epoch the client knew ('' at its first link),
+ * a new epoch should the store have none, the log position the client saw,
+ * size limit, then specs ("E" .. key, or "P" .. glob .. NUL .. prefix).
+ * Returns epoch, mode, log position, then for mode "snapshot" key, value
+ * pairs.  Modes: "first" (read from the position returned), "resume" (read
+ * on from the client's position), "restart" (the store was emptied: read the
+ * new log from its start), "snapshot" (the log lost changes the client did
+ * not see: take the records returned and read on from the position). */
+const char kSyncBody[] =
+    "local function pos(s)\n"
+    "  local a, b = string.match(s, '^(%d+)-(%d+)$')\n"
+    "  return tonumber(a) or 0, tonumber(b) or 0\n"
+    "end\n"
+    "local function before(a, b)\n"
+    "  local am, as = pos(a)\n"
+    "  local bm, bs = pos(b)\n"
+    "  return am < bm or (am == bm and as < bs)\n"
+    "end\n"
+    "local function lost_after(log, seen)\n"
+    "  if redis.call('EXISTS', log) == 0 then return false end\n"
+    "  local info = redis.call('XINFO', 'STREAM', log)\n"
+    "  local length, added, generated\n"
+    "  for i = 1, #info, 2 do\n"
+    "    if info[i] == 'length' then length = info[i + 1] end\n"
+    "    if info[i] == 'entries-added' then added = info[i + 1] end\n"
+    "    if info[i] == 'last-generated-id' then generated = info[i + 1] end\n"
+    "  end\n"
+    "  if added and length and added == length then return false end\n"
+    "  local f = redis.call('XRANGE', log, '-', '+', 'COUNT', 1)\n"
+    "  if #f > 0 then return before(seen, f[1][1]) end\n"
+    "  return generated ~= nil and before(seen, generated)\n"
+    "end\n"
+    "local epoch = redis.call('GET', KEYS[2])\n"
+    "if not epoch then\n"
+    "  redis.call('SET', KEYS[2], ARGV[2])\n"
+    "  epoch = ARGV[2]\n"
+    "end\n"
+    "local last = last_pos(KEYS[1])\n"
+    "local mode = 'resume'\n"
+    "local seen = ARGV[3]\n"
+    "if ARGV[1] == '' then\n"
+    "  mode = 'first'\n"
+    "elseif ARGV[1] ~= epoch then\n"
+    "  mode = 'restart'\n"
+    "  seen = '0-0'\n"
+    "elseif before(last, seen) then\n"
+    "  mode = 'snapshot'\n"
+    "end\n"
+    "if mode ~= 'first' and mode ~= 'snapshot' and lost_after(KEYS[1], seen) then mode = 'snapshot' end\n"
+    "local out = {epoch, mode, last}\n"
+    "if mode == 'snapshot' then\n"
+    "  local limit = tonumber(ARGV[4])\n"
+    "  for i = 5, #ARGV do\n"
+    "    local s = ARGV[i]\n"
+    "    if string.sub(s, 1, 1) == 'E' then\n"
+    "      read(out, true, string.sub(s, 2), nil, limit)\n"
+    "    else\n"
+    "      local nul = string.find(s, '\\0', 2, true)\n"
+    "      read(out, false, string.sub(s, nul + 1), string.sub(s, 2, nul - 1), limit)\n"
+    "    end\n"
     "  end\n"
     "end\n"
     "return out\n";
@@ -63,29 +176,52 @@ std::string glob_escape(const std::string &s)
     return out;
 }
 
-/* "<len>:<bytes>" at pos; false when malformed. */
-bool take_counted(const char *p, size_t n, size_t *pos, std::string *out)
+/* Random hex, for a store's epoch. */
+std::string random_hex()
 {
-    size_t len = 0;
-    size_t i = *pos;
-    bool digits = false;
-    while (i < n && p[i] >= '0' && p[i] <= '9') {
-        len = len * 10 + static_cast<size_t>(p[i] - '0');
-        ++i;
-        digits = true;
+    std::random_device rd;
+    char buf[33];
+    snprintf(buf, sizeof buf, "%08x%08x%08x%08x", rd(), rd(), rd(), rd());
+    return buf;
+}
+
+std::string text_of(const redisReply *r)
+{
+    return r && (r->type == REDIS_REPLY_STRING || r->type == REDIS_REPLY_STATUS) ? std::string(r->str, r->len)
+                                                                                   : std::string();
+}
+
+/* key, value-or-size pairs of a script reply from element `from` on. */
+std::vector<mom_entry> entries_of(const redisReply *reply, size_t from)
+{
+    std::vector<mom_entry> out;
+    for (size_t i = from; i + 1 < reply->elements; i += 2) {
+        const redisReply *k = reply->element[i];
+        const redisReply *v = reply->element[i + 1];
+        if (k->type != REDIS_REPLY_STRING)
+            continue;
+        mom_entry e;
+        e.key.assign(k->str, k->len);
+        if (v->type == REDIS_REPLY_STRING) {
+            e.bytes.assign(v->str, v->len);
+            e.size = e.bytes.size();
+        } else if (v->type == REDIS_REPLY_INTEGER) {
+            e.oversized = true;
+            e.size = static_cast<size_t>(v->integer);
+        } else {
+            continue;
+        }
+        out.push_back(std::move(e));
     }
-    if (!digits || i >= n || p[i] != ':' || len > n - i - 1)
-        return false;
-    out->assign(p + i + 1, len);
-    *pos = i + 1 + len;
-    return true;
+    return out;
 }
 
 struct redis_tr;
 
 struct command_ctx {
     redis_tr *tr;
-    mom_scan_done done;     /* scans only */
+    mom_write_done write_done;
+    mom_scan_done scan_done;
     std::string what;
 };
 
@@ -95,20 +231,38 @@ struct redis_tr : mom_transport {
     std::string host;
     int port;
     std::string user, password;
+    std::string writer;
+    std::string url;
     redisAsyncContext *cmd = nullptr;
-    redisAsyncContext *sub = nullptr;
+    redisAsyncContext *lis = nullptr;
     bool cmd_connected = false;
-    bool sub_connected = false;
-    bool listening = false;
+    bool lis_connected = false;
+    bool syncing = false;
     bool is_up = false;
     bool closing = false;
     struct event *retry = nullptr;
+    struct event *watchdog = nullptr;
     int backoff_ms = 100;
 
-    redis_tr(mom_hooks *h, event_base *b, std::string hst, int p, std::string u, std::string pw)
-        : hooks(h), base(b), host(std::move(hst)), port(p), user(std::move(u)), password(std::move(pw))
+    std::string epoch;          /* empty until the first link */
+    mom_pos cursor;             /* last change read from the log */
+    steady::time_point connect_started;
+    steady::time_point last_tick;
+    bool reading = false;
+    steady::time_point read_sent;
+    std::deque<steady::time_point> sent;    /* commands awaiting their answer */
+
+    std::string last_error;
+    bool unreachable = false;   /* an attempt failed since the last link */
+    steady::time_point unreachable_since, unreachable_logged;
+
+    redis_tr(mom_hooks *h, event_base *b, std::string hst, int p, std::string u, std::string pw, std::string w)
+        : hooks(h), base(b), host(std::move(hst)), port(p), user(std::move(u)), password(std::move(pw)),
+          writer(std::move(w))
     {
+        url = "redis://" + host + ":" + std::to_string(port);
         retry = evtimer_new(base, on_retry, this);
+        watchdog = event_new(base, -1, EV_PERSIST, on_watchdog, this);
     }
 
     ~redis_tr() override
@@ -116,13 +270,16 @@ struct redis_tr : mom_transport {
         closing = true;
         if (retry)
             event_free(retry);
+        if (watchdog)
+            event_free(watchdog);
         drop(&cmd);
-        drop(&sub);
+        drop(&lis);
     }
 
     const char *name() const override { return "redis"; }
     bool up() const override { return is_up; }
     void start() override { connect_all(); }
+    std::string link_error() const override { return last_error.empty() ? std::string() : url + ": " + last_error; }
 
     static void on_retry(evutil_socket_t, short, void *arg) { static_cast<redis_tr *>(arg)->connect_all(); }
 
@@ -143,19 +300,45 @@ struct redis_tr : mom_transport {
         backoff_ms = backoff_ms * 2 > 2000 ? 2000 : backoff_ms * 2;
     }
 
-    /* One side failed: the other goes too, and both come back together. */
-    void link_lost()
+    /* Says once per outage, and then once a minute, that the store cannot be
+     * reached, with the reason. */
+    void note_unreachable(const std::string &why)
+    {
+        last_error = why;
+        steady::time_point now = steady::now();
+        if (!unreachable) {
+            unreachable = true;
+            unreachable_since = unreachable_logged = now;
+            mom_log(hooks->module_name(), "cannot reach %s: %s; retrying with back-off", url.c_str(), why.c_str());
+        } else if (now - unreachable_logged >= kStillUnreachableEvery) {
+            unreachable_logged = now;
+            long secs = static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(now - unreachable_since).count());
+            mom_log(hooks->module_name(), "still cannot reach %s after %ld s: %s", url.c_str(), secs, why.c_str());
+        }
+    }
+
+    /* One side failed or timed out: the other goes too, and both come back
+     * together. */
+    void link_lost(const std::string &why)
     {
         if (closing)
             return;
         bool was_up = is_up;
         is_up = false;
-        listening = false;
-        cmd_connected = sub_connected = false;
+        syncing = false;
+        reading = false;
+        cmd_connected = lis_connected = false;
+        /* Freeing a context answers its pending commands with no reply:
+         * the client keeps those writes and scans for the next link. */
         drop(&cmd);
-        drop(&sub);
+        drop(&lis);
+        sent.clear();
+        if (watchdog)
+            event_del(watchdog);
         if (was_up)
             hooks->transport_down();
+        else
+            note_unreachable(why);
         schedule_retry();
     }
 
@@ -165,6 +348,7 @@ struct redis_tr : mom_transport {
         if (!ac)
             return nullptr;
         if (ac->err) {
+            last_error = ac->errstr;
             redisAsyncFree(ac);
             return nullptr;
         }
@@ -188,17 +372,17 @@ struct redis_tr : mom_transport {
 
     void connect_all()
     {
-        if (closing || cmd || sub)
+        if (closing || cmd || lis)
             return;
+        connect_started = last_tick = steady::now();
         cmd = open_one();
-        sub = cmd ? open_one() : nullptr;
-        if (!cmd || !sub) {
-            link_lost();
+        lis = cmd ? open_one() : nullptr;
+        if (!cmd || !lis) {
+            link_lost(last_error.empty() ? "cannot open a connection" : last_error);
             return;
         }
-        const char *argv[2] = {"SUBSCRIBE", kChannel};
-        size_t lens[2] = {9, strlen(kChannel)};
-        redisAsyncCommandArgv(sub, on_message, nullptr, 2, argv, lens);
+        struct timeval second = {1, 0};
+        event_add(watchdog, &second);
     }
 
     static redis_tr *of(const redisAsyncContext *ac) { return static_cast<redis_tr *>(ac->data); }
@@ -214,19 +398,21 @@ struct redis_tr : mom_transport {
     {
         redis_tr *t = of(ac);
         if (status != REDIS_OK) {
+            std::string why = ac->errstr[0] ? ac->errstr : "connection failed";
             /* hiredis frees a context that failed to connect by itself. */
             if (t->cmd == ac)
                 t->cmd = nullptr;
-            if (t->sub == ac)
-                t->sub = nullptr;
-            t->link_lost();
+            if (t->lis == ac)
+                t->lis = nullptr;
+            t->link_lost(why);
             return;
         }
         if (t->cmd == ac)
             t->cmd_connected = true;
-        if (t->sub == ac)
-            t->sub_connected = true;
-        t->check_up();
+        if (t->lis == ac)
+            t->lis_connected = true;
+        if (t->cmd_connected && t->lis_connected)
+            t->start_sync();
     }
 
     static void on_disconnect(const redisAsyncContext *ac, int)
@@ -239,129 +425,241 @@ struct redis_tr : mom_transport {
             t->cmd = nullptr;
             ours = true;
         }
-        if (t->sub == ac) {
-            t->sub = nullptr;
+        if (t->lis == ac) {
+            t->lis = nullptr;
             ours = true;
         }
         if (ours)
-            t->link_lost();
+            t->link_lost(ac->errstr[0] ? ac->errstr : "connection closed by the server");
     }
 
-    void check_up()
+    static void on_watchdog(evutil_socket_t, short, void *arg)
     {
-        if (is_up || !cmd_connected || !sub_connected || !listening)
+        auto *t = static_cast<redis_tr *>(arg);
+        steady::time_point now = steady::now();
+        /* A loop that was busy elsewhere for a while is not the store's
+         * silence: look again at the next tick. */
+        bool late = now - t->last_tick > std::chrono::seconds(2);
+        t->last_tick = now;
+        if (late)
             return;
-        is_up = true;
-        backoff_ms = 100;
-        hooks->transport_up();
+        if (!t->is_up && now - t->connect_started > kConnectTimeout)
+            t->link_lost("no answer within 3 s");
+        else if (t->is_up && t->reading && now - t->read_sent > kReadTimeout)
+            t->link_lost("no answer within 6 s");
+        else if (t->is_up && !t->sent.empty() && now - t->sent.front() > kCommandTimeout)
+            t->link_lost("no answer within 10 s");
     }
 
-    static void on_message(redisAsyncContext *ac, void *r, void *)
-    {
-        auto *reply = static_cast<redisReply *>(r);
-        if (!reply || !ac->data)
-            return;
-        redis_tr *t = of(ac);
-        if (t->sub != ac)
-            return;
-        if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 3)
-            return;
-        const redisReply *kind = reply->element[0];
-        if (kind->type != REDIS_REPLY_STRING)
-            return;
-        if (strcmp(kind->str, "subscribe") == 0) {
-            t->listening = true;
-            t->check_up();
-            return;
-        }
-        if (strcmp(kind->str, "message") != 0)
-            return;
-        const redisReply *payload = reply->element[2];
-        if (payload->type != REDIS_REPLY_STRING || payload->len < 1)
-            return;
-        const char *p = payload->str;
-        size_t n = static_cast<size_t>(payload->len);
-        char op = p[0];
-        size_t pos = 1;
-        std::string key, old_bytes;
-        if ((op != 'S' && op != 'H' && op != 'D') || !take_counted(p, n, &pos, &key) ||
-            !take_counted(p, n, &pos, &old_bytes)) {
-            mom_log(t->hooks->module_name(), "malformed change notice on %s, ignored", kChannel);
-            return;
-        }
-        std::string new_bytes(p + pos, n - pos);
-        t->hooks->transport_change(op, key, old_bytes, new_bytes);
-    }
+    /* ---- commands ---- */
 
-    static void on_command(redisAsyncContext *, void *r, void *priv)
+    int send(redisAsyncContext *ac, const std::vector<std::string> &args, redisCallbackFn *fn, void *priv)
     {
-        auto *c = static_cast<command_ctx *>(priv);
-        auto *reply = static_cast<redisReply *>(r);
-        if (c->done) {
-            std::vector<mom_entry> entries;
-            int error = 0;
-            if (!reply || reply->type != REDIS_REPLY_ARRAY) {
-                error = QN_MOM_ERR_NOTCONN;
-                if (reply && reply->type == REDIS_REPLY_ERROR)
-                    mom_log(c->tr->hooks->module_name(), "%s failed: %s", c->what.c_str(), reply->str);
-            } else {
-                for (size_t i = 0; i + 1 < reply->elements; i += 2) {
-                    const redisReply *k = reply->element[i];
-                    const redisReply *v = reply->element[i + 1];
-                    if (k->type == REDIS_REPLY_STRING && v->type == REDIS_REPLY_STRING)
-                        entries.push_back({std::string(k->str, k->len), std::string(v->str, v->len)});
-                }
-            }
-            c->done(error, std::move(entries));
-        } else if (reply && reply->type == REDIS_REPLY_ERROR) {
-            mom_log(c->tr->hooks->module_name(), "%s failed: %s", c->what.c_str(), reply->str);
-        }
-        delete c;
-    }
-
-    int send(const std::vector<std::string> &args, command_ctx *c)
-    {
-        if (!is_up || !cmd) {
-            delete c;
-            return QN_MOM_ERR_NOTCONN;
-        }
         std::vector<const char *> argv;
         std::vector<size_t> lens;
         for (const std::string &a : args) {
             argv.push_back(a.data());
             lens.push_back(a.size());
         }
-        if (redisAsyncCommandArgv(cmd, on_command, c, static_cast<int>(argv.size()), argv.data(), lens.data()) !=
-            REDIS_OK) {
+        return redisAsyncCommandArgv(ac, fn, priv, static_cast<int>(argv.size()), argv.data(), lens.data());
+    }
+
+    int command(const std::vector<std::string> &args, command_ctx *c)
+    {
+        if (!is_up || !cmd || send(cmd, args, on_command, c) != REDIS_OK) {
             delete c;
             return QN_MOM_ERR_NOTCONN;
         }
+        sent.push_back(steady::now());
         return 0;
     }
 
-    int put(char op, const std::string &key, const std::string &bytes) override
+    static void on_command(redisAsyncContext *, void *r, void *priv)
     {
-        return send({"EVAL", kSetScript, "1", key, bytes, kChannel, std::string(1, op)},
-                    new command_ctx{this, nullptr, "store " + key});
+        auto *c = static_cast<command_ctx *>(priv);
+        auto *reply = static_cast<redisReply *>(r);
+        redis_tr *t = c->tr;
+        if (!t->sent.empty() && reply)
+            t->sent.pop_front();
+        if (t->closing) {
+            delete c;
+            return;
+        }
+        if (c->scan_done) {
+            if (!reply) {
+                c->scan_done(QN_MOM_ERR_NOTCONN, mom_pos{}, {});
+            } else if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 1) {
+                mom_log(t->hooks->module_name(), "%s failed: %s", c->what.c_str(),
+                        reply->type == REDIS_REPLY_ERROR ? reply->str : "unexpected answer");
+                c->scan_done(-EIO, mom_pos{}, {});
+            } else {
+                mom_pos at;
+                mom_pos_parse(text_of(reply->element[0]), &at);
+                c->scan_done(0, at, entries_of(reply, 1));
+            }
+        } else if (c->write_done) {
+            if (!reply)
+                c->write_done(QN_MOM_ERR_NOTCONN, "link lost");
+            else if (reply->type == REDIS_REPLY_ERROR)
+                c->write_done(-EIO, reply->str);
+            else
+                c->write_done(0, std::string());
+        }
+        delete c;
     }
-    int del(const std::string &key) override
+
+    int write(char op, const std::string &key, const std::string &bytes, mom_write_done done) override
     {
-        return send({"EVAL", kDelScript, "1", key, kChannel}, new command_ctx{this, nullptr, "delete " + key});
+        const std::string limit = std::to_string(QN_MOM_MAX_VALUE);
+        if (op == 'D')
+            return command({"EVAL", kDelScript, "2", key, kLog, writer, limit, kLogLength},
+                           new command_ctx{this, std::move(done), nullptr, "delete " + key});
+        return command({"EVAL", kSetScript, "2", key, kLog, bytes, std::string(1, op == 'R' ? 'S' : op), writer,
+                        limit, kLogLength, op == 'R' ? "1" : "0"},
+                       new command_ctx{this, std::move(done), nullptr, "store " + key});
     }
+
     int scan(const std::string &prefix, bool exact, mom_scan_done done) override
     {
-        return send({"EVAL", kScanScript, "0", prefix, exact ? "1" : "0", glob_escape(prefix) + "*"},
-                    new command_ctx{this, std::move(done), "scan " + prefix});
+        return command({"EVAL", std::string(kReadHelpers) + kScanBody, "1", kLog, prefix, exact ? "1" : "0",
+                        glob_escape(prefix) + "*", std::to_string(QN_MOM_MAX_VALUE)},
+                       new command_ctx{this, nullptr, std::move(done), "scan " + prefix});
+    }
+
+    /* ---- (re)starting the link ---- */
+
+    void start_sync()
+    {
+        std::vector<std::string> args = {"EVAL", std::string(kReadHelpers) + kSyncBody, "2", kLog, kEpoch, epoch,
+                                         random_hex(), mom_pos_text(cursor), std::to_string(QN_MOM_MAX_VALUE)};
+        for (const mom_spec &s : hooks->snapshot_specs())
+            args.push_back(s.exact ? "E" + s.prefix : "P" + glob_escape(s.prefix) + "*" + std::string(1, '\0') + s.prefix);
+        syncing = true;
+        if (send(cmd, args, on_sync, nullptr) != REDIS_OK)
+            link_lost("cannot send to the store");
+    }
+
+    static void on_sync(redisAsyncContext *ac, void *r, void *)
+    {
+        auto *reply = static_cast<redisReply *>(r);
+        if (!reply || !ac->data)
+            return;
+        redis_tr *t = of(ac);
+        if (t->closing || t->cmd != ac || !t->syncing)
+            return;
+        t->syncing = false;
+        if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 3) {
+            t->link_lost(reply->type == REDIS_REPLY_ERROR ? reply->str : "unexpected answer to the link start");
+            return;
+        }
+        std::string store_epoch = text_of(reply->element[0]);
+        std::string mode = text_of(reply->element[1]);
+        mom_pos last;
+        mom_pos_parse(text_of(reply->element[2]), &last);
+        mom_link_up up;
+        up.first = t->epoch.empty();
+        up.store_reset = !up.first && store_epoch != t->epoch;
+        if (mode == "first") {
+            t->cursor = last;
+        } else if (mode == "restart") {
+            t->cursor = mom_pos{};
+        } else if (mode == "snapshot") {
+            up.snapshot = true;
+            up.at = last;
+            up.entries = entries_of(reply, 3);
+            t->cursor = last;
+        }
+        t->epoch = store_epoch;
+        t->is_up = true;
+        t->backoff_ms = 100;
+        t->unreachable = false;
+        t->last_error.clear();
+        t->read_log();
+        t->hooks->transport_up(up);
+    }
+
+    /* ---- reading the change log ---- */
+
+    void read_log()
+    {
+        if (!is_up || !lis)
+            return;
+        if (send(lis, {"XREAD", "COUNT", kReadCount, "BLOCK", kReadBlockMs, "STREAMS", kLog, mom_pos_text(cursor)},
+                 on_read, nullptr) != REDIS_OK) {
+            link_lost("cannot send to the store");
+            return;
+        }
+        reading = true;
+        read_sent = steady::now();
+    }
+
+    static void on_read(redisAsyncContext *ac, void *r, void *)
+    {
+        auto *reply = static_cast<redisReply *>(r);
+        if (!reply || !ac->data)
+            return;
+        redis_tr *t = of(ac);
+        if (t->closing || t->lis != ac)
+            return;
+        t->reading = false;
+        if (reply->type == REDIS_REPLY_ERROR) {
+            t->link_lost(reply->str);
+            return;
+        }
+        if (reply->type == REDIS_REPLY_ARRAY && reply->elements >= 1) {
+            const redisReply *stream = reply->element[0];
+            if (stream->type == REDIS_REPLY_ARRAY && stream->elements >= 2 &&
+                stream->element[1]->type == REDIS_REPLY_ARRAY) {
+                const redisReply *list = stream->element[1];
+                for (size_t i = 0; i < list->elements; ++i)
+                    t->take_change(list->element[i]);
+            }
+        }
+        t->read_log();
+    }
+
+    void take_change(const redisReply *entry)
+    {
+        if (entry->type != REDIS_REPLY_ARRAY || entry->elements < 2 || entry->element[1]->type != REDIS_REPLY_ARRAY)
+            return;
+        mom_change c;
+        if (!mom_pos_parse(text_of(entry->element[0]), &c.pos))
+            return;
+        cursor = c.pos;
+        const redisReply *fields = entry->element[1];
+        std::string op, writer_id;
+        for (size_t i = 0; i + 1 < fields->elements; i += 2) {
+            std::string name = text_of(fields->element[i]);
+            const redisReply *v = fields->element[i + 1];
+            if (name == "o")
+                op = text_of(v);
+            else if (name == "k")
+                c.key = text_of(v);
+            else if (name == "v")
+                c.new_bytes = text_of(v);
+            else if (name == "p")
+                c.old_bytes = text_of(v);
+            else if (name == "w")
+                writer_id = text_of(v);
+        }
+        if (op.size() != 1 || (op[0] != 'S' && op[0] != 'H' && op[0] != 'D') || c.key.empty()) {
+            mom_log(hooks->module_name(), "malformed change %s in %s, ignored", mom_pos_text(c.pos).c_str(), kLog);
+            return;
+        }
+        c.op = op[0];
+        c.from_self = writer_id == writer;
+        hooks->transport_change(c);
     }
 };
 
 } // namespace
 
 std::unique_ptr<mom_transport> mom_redis_create(mom_hooks *hooks, qn_thread_master *master, const std::string &host,
-                                                int port, const std::string &user, const std::string &password)
+                                                int port, const std::string &user, const std::string &password,
+                                                const std::string &writer_id)
 {
     event_base *base = qn_thread_master_event_base(master);
     if (!base)
         return nullptr;
-    return std::make_unique<redis_tr>(hooks, base, host, port, user, password);
+    return std::make_unique<redis_tr>(hooks, base, host, port, user, password, writer_id);
 }

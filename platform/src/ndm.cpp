@@ -28,6 +28,7 @@ struct dm_cache {
     std::map<int32_t, card> cards;      /* by t_mod */
     bool have_role = false;
     int32_t role = 0;
+    bool told_no_cards = false;
 };
 
 dm_cache cache;
@@ -48,8 +49,25 @@ void take_card(const PDev__CardInfo *c)
     cache.cards[c->index->t_mod] = k;
 }
 
+/* The end of the first card scan: with no card on the bus, nothing plays
+ * the device manager yet, and a master would list only itself; say so once. */
+void check_inventory(const qn_mom_reply_t *r)
+{
+    if (r->error || cache.told_no_cards)
+        return;
+    cache.told_no_cards = true;
+    if (cache.cards.empty())
+        fprintf(stderr,
+                "dm_cache: no card records on the bus (p_dev.card_info, database 1): until the device manager "
+                "publishes them (qn-bus inventory FILE), a master lists only itself\n");
+}
+
 int on_card(void *, qn_mom_reply_t *r)
 {
+    if (r && r->scan_state == QN_MOM_SCAN_OVER) {
+        check_inventory(r);
+        return 0;
+    }
     if (!r || r->error || !r->res || r->res->error)
         return 0;
     if (r->type == QN_MOM_REPLY_DEL)

@@ -73,6 +73,73 @@ std::function<const char *(qn_platform_config &, const char *)> one_of(std::stri
     };
 }
 
+/* [bus] url: redis://HOST[:PORT], the only transport besides the embedded one. */
+const char *bus_url(qn_platform_config &c, const char *v)
+{
+    std::string url = v;
+    const std::string scheme = "redis://";
+    if (url.empty()) {
+        c.bus_url.clear();
+        return nullptr;
+    }
+    if (url.compare(0, scheme.size(), scheme) != 0)
+        return "expected redis://HOST:PORT";
+    std::string rest = url.substr(scheme.size());
+    while (!rest.empty() && rest.back() == '/')
+        rest.pop_back();
+    size_t colon = rest.rfind(':');
+    std::string host = colon == std::string::npos ? rest : rest.substr(0, colon);
+    long long port = 6379;
+    if (host.empty() || (colon != std::string::npos && !parse_int(rest.c_str() + colon + 1, 1, 65535, &port)))
+        return "expected redis://HOST:PORT";
+    c.bus_url = url;
+    return nullptr;
+}
+
+const char *node_type(qn_platform_config &c, const char *v)
+{
+    long long n;
+    if (!parse_int(v, 0, INT_MAX, &n))
+        return "not a number in range";
+    c.node_type = static_cast<int>(n);
+    c.node_type_given = true;
+    return nullptr;
+}
+
+/* The device manager's node type that a capability device type stands for;
+ * 0 for a type it does not know. */
+int node_type_of_dev_type(const std::string &dev_type)
+{
+    if (dev_type == "BOX")
+        return 1;
+    if (dev_type == "CM")
+        return 2;
+    if (dev_type == "LC")
+        return 3;
+    return 0;
+}
+
+/* [node] node_type and [cap] CAP_DEV_TYPE name one thing twice: a node
+ * given one takes the other from it, and one given both must agree.  The
+ * reason, or empty. */
+std::string check_node_type(qn_platform_config &c)
+{
+    auto cap = c.cap.find("CAP_DEV_TYPE");
+    if (cap == c.cap.end())
+        return {};
+    int implied = node_type_of_dev_type(cap->second);
+    if (implied == 0)
+        return {};
+    if (!c.node_type_given) {
+        c.node_type = implied;
+        return {};
+    }
+    if (c.node_type == implied)
+        return {};
+    return "[node] node_type = " + std::to_string(c.node_type) + " disagrees with [cap] CAP_DEV_TYPE = " +
+           cap->second + " (node types: 1 BOX, 2 CM, 3 LC)";
+}
+
 const setting settings[] = {
     {"log", "file", str(&qn_platform_config::log_file)},
     {"log", "max_size", num(&qn_platform_config::log_max_size, 4096, LLONG_MAX)},
@@ -83,13 +150,13 @@ const setting settings[] = {
     {"log", "events_max_size", num(&qn_platform_config::events_max_size, 4096, LLONG_MAX)},
     {"log", "events_max_files", num(&qn_platform_config::events_max_files, 1, 1000)},
     {"loop", "second_ms", num(&qn_platform_config::second_ms, 1, 3600000)},
-    {"bus", "url", str(&qn_platform_config::bus_url)},
+    {"bus", "url", bus_url},
     {"bus", "user", str(&qn_platform_config::bus_user)},
     {"bus", "password", str(&qn_platform_config::bus_password)},
     {"node", "devid", num(&qn_platform_config::devid, 0, INT_MAX)},
     {"node", "phy_slot", num(&qn_platform_config::phy_slot, 0, INT_MAX)},
     {"node", "user_slot", num(&qn_platform_config::user_slot, 0, INT_MAX)},
-    {"node", "node_type", num(&qn_platform_config::node_type, 0, INT_MAX)},
+    {"node", "node_type", node_type},
     {"node", "role", num(&qn_platform_config::role, 0, 3)},
     {"node", "slot_name", str(&qn_platform_config::slot_name)},
     {"node", "card_name", str(&qn_platform_config::card_name)},
@@ -137,30 +204,43 @@ void qn_platform_config_reload()
     loaded = false;
 }
 
+std::unique_ptr<qn_platform_config> qn_platform_config_load(std::string *error)
+{
+    auto cfg = std::make_unique<qn_platform_config>();
+    const char *path = getenv("STOVIG_CONFIG");
+    if (!path || !*path)
+        return cfg;
+    cfg->path = path;
+    FILE *f = fopen(path, "r");
+    if (!f) {
+        *error = std::string(path) + ": cannot read config file: " + strerror(errno);
+        return nullptr;
+    }
+    parse_state st{cfg.get(), {}};
+    int line = ini_parse_file(f, on_entry, &st);
+    fclose(f);
+    if (line != 0) {
+        if (st.error.empty())
+            st.error = "malformed line";
+        *error = std::string(path) + ":" + std::to_string(line) + ": " + st.error;
+        return nullptr;
+    }
+    std::string disagree = check_node_type(*cfg);
+    if (!disagree.empty()) {
+        *error = std::string(path) + ": " + disagree;
+        return nullptr;
+    }
+    return cfg;
+}
+
 const qn_platform_config *qn_platform_config_get()
 {
     if (loaded)
         return cached.get();
     loaded = true;
-    auto cfg = std::make_unique<qn_platform_config>();
-    const char *path = getenv("STOVIG_CONFIG");
-    if (path && *path) {
-        cfg->path = path;
-        FILE *f = fopen(path, "r");
-        if (!f) {
-            fprintf(stderr, "%s: cannot read config file: %s\n", path, strerror(errno));
-            return nullptr;
-        }
-        parse_state st{cfg.get(), {}};
-        int line = ini_parse_file(f, on_entry, &st);
-        fclose(f);
-        if (line != 0) {
-            if (st.error.empty())
-                st.error = "malformed line";
-            fprintf(stderr, "%s:%d: %s\n", path, line, st.error.c_str());
-            return nullptr;
-        }
-    }
-    cached = std::move(cfg);
+    std::string error;
+    cached = qn_platform_config_load(&error);
+    if (!cached)
+        fprintf(stderr, "%s\n", error.c_str());
     return cached.get();
 }

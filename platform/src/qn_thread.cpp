@@ -6,9 +6,12 @@
 #include "qn_thread_standin.h"
 #include "qn_platform_config.h"
 
+#include <unistd.h>
+
 #include <event2/event.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <deque>
 #include <new>
 #include <unordered_map>
@@ -98,8 +101,11 @@ qn_thread_master *qn_thread_master_create(void)
 {
     const qn_platform_config *cfg = qn_platform_config_get();
     if (!cfg) {
-        errno = EINVAL;
-        return nullptr;
+        /* Nothing can run on a wrong configuration: its reason, just
+         * printed, stays the last word. */
+        fflush(stdout);
+        fflush(stderr);
+        _exit(QN_PLATFORM_EX_CONFIG);
     }
     auto *m = new (std::nothrow) qn_thread_master;
     if (!m) {

@@ -3,10 +3,51 @@
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
+#include "mom/res_mom_disk.h"
 #include "mom/res_mom_part.h"
 #include "misc/res_zlog.h"
 
 #include <cstdlib>
+
+namespace {
+
+struct qn_thread *res_mom_rescan_thread = nullptr;
+
+/* Records of a node that came before its card record were not kept (no
+ * node to keep them in): once the node is listed, the record kinds already
+ * subscribed are read again, one read for every node listed in the same
+ * second. */
+int res_mom_records_rescan(struct qn_thread *)
+{
+    res_mom_rescan_thread = nullptr;
+    RES_DBG("new node listed, read the records on the bus again.");
+    if (res_mom_sub_flag & RES_MOM_SUB_IO)
+        res_mom_io_handler(RES_MOM_OP_SCAN, nullptr);
+    if (res_mom_sub_flag & RES_MOM_SUB_RO)
+        res_mom_ro_handler(RES_MOM_OP_SCAN, nullptr);
+    if (res_mom_sub_flag & RES_MOM_SUB_VOL)
+        res_mom_vol_handler(RES_MOM_OP_SCAN, nullptr);
+    if (res_mom_sub_flag & RES_MOM_SUB_DISK)
+        res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr);
+    return 0;
+}
+
+void res_mom_records_rescan_soon(void)
+{
+    const uint32_t records = RES_MOM_SUB_IO | RES_MOM_SUB_RO | RES_MOM_SUB_VOL | RES_MOM_SUB_DISK;
+    if (res_mom_rescan_thread || !(res_mom_sub_flag & records))
+        return;
+    res_mom_rescan_thread =
+        qn_thread_add_timer_withname(res_mom_master, res_mom_records_rescan, nullptr, 1, "res_rescan_time");
+}
+
+} // namespace
+
+void res_mom_dev_timers_cancel(void)
+{
+    qn_thread_cancel(res_mom_rescan_thread);
+    res_mom_rescan_thread = nullptr;
+}
 
 int res_mom_card_info_handler(uint32_t op)
 {
@@ -58,6 +99,8 @@ int res_mom_dev_info_handle(const PDev__CardInfo *card)
         if (res_mom_add_node_info_list(node) != 0) {
             RES_ERR("add new device node into list failed.");
             free(node);
+        } else {
+            res_mom_records_rescan_soon();
         }
     } else if (card->is_online == 0) {
         RES_DBG("detect deivce [%d,%d,%d] offline.", index[0], index[1], index[2]);

@@ -14,5 +14,7 @@ int res_mom_dev_info_handle(const PDev__CardInfo *card);
 int res_mom_card_info_sub_cb(void *ctx, qn_mom_reply_t *reply);
 int res_mom_card_info_scan_cb(void *ctx, qn_mom_reply_t *reply);
 int res_mom_sub_role_cb(void *ctx, qn_mom_reply_t *reply);
+/* Cancels a pending read of the records for newly listed nodes (tests). */
+void res_mom_dev_timers_cancel(void);
 
 #endif

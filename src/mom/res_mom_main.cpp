@@ -26,6 +26,25 @@ namespace {
  * no second timer. */
 struct qn_thread *res_mom_master_thread = nullptr;
 struct qn_thread *res_mom_devinfo_thread = nullptr;
+struct qn_thread *res_mom_conn_check_thread = nullptr;
+int res_mom_conn_checks = 0;
+
+/* Until the device manager's database is connected, says now and then that
+ * MOM cannot be reached (the bus client keeps retrying and tells why on
+ * standard error): at 1, 2, 4, 8 ... periods, so a long outage at start-up
+ * writes a few lines, not one per period. */
+int res_mom_conn_check(struct qn_thread *)
+{
+    res_mom_conn_check_thread = nullptr;
+    if (res_mom_conn_flag & RES_MOM_CONN_TUNNER)
+        return 0;
+    ++res_mom_conn_checks;
+    if ((res_mom_conn_checks & (res_mom_conn_checks - 1)) == 0)
+        RES_ERR("MOM is not connected after %d seconds, still trying.", res_mom_conn_checks * RES_MOM_TIMER_PERIOD);
+    res_mom_conn_check_thread = qn_thread_add_timer_withname(res_mom_master, res_mom_conn_check, nullptr,
+                                                             RES_MOM_TIMER_PERIOD, "res_conn_check_time");
+    return 0;
+}
 
 int res_mom_devinfo_timer_add(void)
 {
@@ -88,6 +107,10 @@ int res_mom_init(struct qn_thread_master *master, uint32_t *device_type)
             return -1;
         }
     }
+    res_mom_conn_checks = 0;
+    qn_thread_cancel(res_mom_conn_check_thread);
+    res_mom_conn_check_thread = qn_thread_add_timer_withname(master, res_mom_conn_check, nullptr,
+                                                             RES_MOM_TIMER_PERIOD, "res_conn_check_time");
 
     /* A missing capability service is not fatal. */
     if (res_mom_cap_init(res_mom_client, "STOVIG") != 0) {
@@ -197,8 +220,11 @@ void res_mom_timers_cancel(void)
 {
     qn_thread_cancel(res_mom_devinfo_thread);
     qn_thread_cancel(res_mom_master_thread);
+    qn_thread_cancel(res_mom_conn_check_thread);
     res_mom_devinfo_thread = nullptr;
     res_mom_master_thread = nullptr;
+    res_mom_conn_check_thread = nullptr;
+    res_mom_dev_timers_cancel();
 }
 
 int res_mom_check_master(void)
@@ -244,8 +270,14 @@ int res_mom_master_timer(struct qn_thread *)
         ++failed;
     if (!(res_mom_sub_flag & RES_MOM_SUB_DISK) && res_mom_disk_handler(RES_MOM_OP_SUB, nullptr) != 0)
         ++failed;
-    if (failed == 0)
+    if (failed == 0) {
+        /* Every subscription stands: the configuration this master holds
+         * goes out, so the other nodes judge with it also when it was set
+         * before the bus was up (the saved configuration is replayed at
+         * start-up, when its publication is refused). */
+        res_mom_conf_handler(RES_MOM_OP_SEND);
         return 0;
+    }
     RES_DBG("not all master sub operation is ready.");
     return res_mom_master_handle();
 }

@@ -92,16 +92,16 @@ class BusFaults(unittest.TestCase):
             self.assertTrue(n.alive(), n.stderr_text())
         self.assertIn("<undecodable, 7 bytes>", self.bus.ok("dump", 12))
 
-    def test_unusable_bus_url_stops_start_up_with_the_bus_status(self):
+    def test_unusable_bus_url_stops_start_up_as_a_configuration_error(self):
         config = node_config(self.redis, 0, 1, 1, 2, 1, "CM").replace(
             "redis://127.0.0.1:%d" % self.redis.port, "http://127.0.0.1:1")
         node = BusNode(self.tmp.path, "bad", config)
         self.nodes.append(node)
-        code, _, err = node.run_to_exit(timeout=30)
-        self.assertEqual(code, 255)
-        self.assertIn("[bus] url: expected redis://HOST:PORT ('http://127.0.0.1:1')", err)
-        self.assertIn("Module stovig initializes for MOM failed.", node.log_text())
-        self.assertIn("Init mom failed.", node.log_text())
+        code, out, err = node.run_to_exit(timeout=30)
+        self.assertEqual(code, 78)
+        self.assertEqual(out, "")
+        self.assertEqual(err.strip().splitlines()[-1],
+                         "%s:2: [bus] url: expected redis://HOST:PORT ('http://127.0.0.1:1')" % node.config_path)
         self.assertNotIn("process begin", node.log_text())
 
 

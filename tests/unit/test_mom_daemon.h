@@ -50,9 +50,15 @@ protected:
         log.reset();
     }
 
-    /* res_mom_init for a node; `node` holds [node] keys, `more` other sections. */
-    int start(const std::string &node, const std::string &more = "[cap]\nCAP_DEV_TYPE = CM\n")
+    /* res_mom_init for a node; `node` holds [node] keys, `more` other
+     * sections (by default the capability device type that agrees with the
+     * node type: LC for 3, BOX for 1, else CM). */
+    int start(const std::string &node, std::string more = "")
     {
+        if (more.empty())
+            more = node.find("node_type = 3") != std::string::npos   ? "[cap]\nCAP_DEV_TYPE = LC\n"
+                   : node.find("node_type = 1") != std::string::npos ? "[cap]\nCAP_DEV_TYPE = BOX\n"
+                                                                     : "[cap]\nCAP_DEV_TYPE = CM\n";
         log = std::make_unique<log_capture>("[node]\n" + node + "\n" + more);
         return res_mom_init(res_master, &device_type);
     }

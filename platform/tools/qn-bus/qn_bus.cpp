@@ -19,19 +19,27 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
 const char kUsage[] =
     "usage: qn-bus COMMAND [ARGS]\n"
     "\n"
-    "Plays the device manager and the other platform services on the bus named by\n"
-    "the config file in STOVIG_CONFIG ([bus] url = redis://HOST:PORT; without it the\n"
-    "in-process store of this one process is used, which only makes sense for dump).\n"
+    "Plays the device manager and the other platform services on the shared bus\n"
+    "named by the config file in STOVIG_CONFIG ([bus] url = redis://HOST:PORT).\n"
+    "Without one there is no shared bus (each process would have its own), and\n"
+    "qn-bus refuses to run.  When the store cannot be reached within 3 seconds it\n"
+    "says so (\"cannot reach ...\") and exits with status 1.\n"
     "\n"
     "Commands:\n"
-    "  inventory FILE     publish the card record (p_dev.card_info, database 1) of\n"
+    "  inventory [--keep] FILE\n"
+    "                     publish the card record (p_dev.card_info, database 1) of\n"
     "                     every card of a chassis inventory, and every node's role\n"
-    "                     record (p_dev.dp_lib_grole)\n"
+    "                     record (p_dev.dp_lib_grole); with --keep, stay running as\n"
+    "                     the device manager: when the store comes back empty\n"
+    "                     (restarted without persistence) the records are written\n"
+    "                     again, as last changed (also by other qn-bus commands)\n"
     "  online SLOT [DEVID]   set the card in physical slot SLOT online\n"
     "  offline SLOT [DEVID]  set the card in physical slot SLOT offline\n"
     "  master SLOT [DEVID]   move the master role to the node in SLOT: its role\n"
@@ -67,21 +75,52 @@ struct card {
     bool master = false;
 };
 
+/* How long qn-bus waits for the store: to connect, and for an answer. */
+const int kConnectMs = 3000;
+const int kAnswerMs = 10000;
+
 qn_thread_master *master_loop;
 qn_mom_client_t *client;
 bool done;
+bool timed_out;
 
-void run_loop()
+/* Runs the loop until `done` or `ms` milliseconds have passed; false on the
+ * latter. */
+bool run_loop(int ms)
 {
+    const qn_platform_config *cfg = qn_platform_config_get();
+    int second_ms = cfg && cfg->second_ms > 0 ? cfg->second_ms : 1000;
+    timed_out = false;
+    qn_thread *deadline = qn_thread_add_timer_withname(
+        master_loop,
+        [](qn_thread *) {
+            timed_out = done = true;
+            return 0;
+        },
+        nullptr, (ms + second_ms - 1) / second_ms, "qn_bus_deadline");
     qn_thread t;
     while (!done && qn_thread_fetch(master_loop, &t))
         qn_thread_call(&t);
     done = false;
+    if (!timed_out)
+        qn_thread_cancel(deadline);
+    return !timed_out;
+}
+
+/* "cannot reach redis://HOST:PORT: reason", and the status to exit with. */
+int unreachable(const char *what)
+{
+    char why[256];
+    if (qn_mom_client_link_error(client, why, sizeof why) == 0)
+        snprintf(why, sizeof why, "%s: %s", qn_platform_config_get()->bus_url.c_str(), what);
+    fprintf(stderr, "qn-bus: cannot reach %s\n", why);
+    return 1;
 }
 
 /* Waits until every command sent so far has been carried out: replies on
- * one connection come in order, so the end of a scan follows them all. */
-void settle()
+ * one connection come in order, so the end of a scan follows them all.
+ * 0, or the exit status when the store did not answer. */
+int settle()
 {
     PUtils__StovigDbg pattern = P_UTILS__STOVIG_DBG__INIT;
     PUtils__Nodeindex idx = P_UTILS__NODEINDEX__INIT;
@@ -92,8 +131,10 @@ void settle()
                             done = true;
                         return 0;
                     },
-                    nullptr) == 0)
-        run_loop();
+                    nullptr) != 0 ||
+        !run_loop(kAnswerMs))
+        return unreachable("no answer within 10 s, writes may be lost");
+    return 0;
 }
 
 bool parse_int(const std::string &s, int *out)
@@ -242,8 +283,8 @@ std::vector<card> read_cards()
                               return 0;
                           },
                           nullptr);
-    if (ret == 0)
-        run_loop();
+    if (ret == 0 && !run_loop(kAnswerMs))
+        exit(unreachable("no answer within 10 s"));
     return got;
 }
 
@@ -266,6 +307,24 @@ const ProtobufCMessageDescriptor *descriptor_of(const std::string &name)
 }
 
 void print_message(std::string *out, const ProtobufCMessage *m);
+
+/* Text from the bus, for a terminal: every byte that is not printable ASCII
+ * (and the backslash and the quote) as \xNN. */
+std::string printable(const char *s, size_t len)
+{
+    std::string out;
+    for (size_t i = 0; i < len; ++i) {
+        unsigned char ch = static_cast<unsigned char>(s[i]);
+        if (ch >= 0x20 && ch < 0x7f && ch != '\\' && ch != '"') {
+            out += static_cast<char>(ch);
+        } else {
+            char esc[8];
+            snprintf(esc, sizeof esc, "\\x%02x", ch);
+            out += esc;
+        }
+    }
+    return out;
+}
 
 void print_value(std::string *out, const ProtobufCFieldDescriptor *f, const void *p)
 {
@@ -307,7 +366,7 @@ void print_value(std::string *out, const ProtobufCFieldDescriptor *f, const void
     }
     case PROTOBUF_C_TYPE_STRING: {
         const char *s = *static_cast<char *const *>(p);
-        *out += "\"" + std::string(s ? s : "") + "\"";
+        *out += "\"" + printable(s ? s : "", s ? strlen(s) : 0) + "\"";
         return;
     }
     case PROTOBUF_C_TYPE_BYTES: {
@@ -372,16 +431,21 @@ void dump_entry(void *, const char *key, const char *full_name, const void *byte
         done = true;
         return;
     }
+    if (!bytes) {
+        printf("%s <%zu bytes, over the %d-byte limit, not read>\n", printable(key, strlen(key)).c_str(), len,
+               QN_MOM_MAX_VALUE);
+        return;
+    }
     const ProtobufCMessageDescriptor *d = descriptor_of(full_name ? full_name : "");
     ProtobufCMessage *m =
         d ? protobuf_c_message_unpack(d, nullptr, len, static_cast<const uint8_t *>(bytes)) : nullptr;
     if (!m) {
-        printf("%s <undecodable, %zu bytes>\n", key, len);
+        printf("%s <undecodable, %zu bytes>\n", printable(key, strlen(key)).c_str(), len);
         return;
     }
     std::string text;
     print_message(&text, m);
-    printf("%s %s\n", key, text.c_str());
+    printf("%s %s\n", printable(key, strlen(key)).c_str(), text.c_str());
     protobuf_c_message_free_unpacked(m, nullptr);
 }
 
@@ -389,7 +453,7 @@ int connect_client()
 {
     master_loop = qn_thread_master_create();
     if (!master_loop) {
-        fprintf(stderr, "qn-bus: cannot read the config file\n");
+        fprintf(stderr, "qn-bus: cannot create the event loop\n");
         return 2;
     }
     client = qn_mom_client_init("QN-BUS", master_loop);
@@ -402,7 +466,8 @@ int connect_client()
                               },
                               nullptr) != 0)
         return 2;
-    run_loop();
+    if (!run_loop(kConnectMs))
+        return unreachable("no answer within 3 s");
     return 0;
 }
 
@@ -412,8 +477,19 @@ int report(const char *what, int ret)
         fprintf(stderr, "qn-bus: %s failed with %d\n", what, ret);
         return 1;
     }
-    settle();
-    return 0;
+    return settle();
+}
+
+/* Stays on the bus as the device manager until killed: the client writes
+ * the records back whenever the store comes back empty. */
+int keep_running()
+{
+    fprintf(stderr, "qn-bus: keeping the inventory on %s (pid %d)\n", qn_platform_config_get()->bus_url.c_str(),
+            static_cast<int>(getpid()));
+    qn_thread t;
+    while (qn_thread_fetch(master_loop, &t))
+        qn_thread_call(&t);
+    return 1;
 }
 
 int set_online(int devid, int slot, bool online)
@@ -439,6 +515,11 @@ int main(int argc, char **argv)
     std::string cmd = argv[1];
     int a = 0, b = 0;
     bool ok = true;
+    bool keep = cmd == "inventory" && argc == 4 && !strcmp(argv[2], "--keep");
+    if (keep) {
+        argv[2] = argv[3];
+        argc = 3;
+    }
     if (cmd == "inventory" || cmd == "dump" || cmd == "upgrade" || cmd == "issu")
         ok = argc == 3 && (cmd == "inventory" || parse_int(argv[2], &a));
     else if (cmd == "online" || cmd == "offline" || cmd == "master")
@@ -449,6 +530,16 @@ int main(int argc, char **argv)
         ok = false;
     if (!ok) {
         fprintf(stderr, "qn-bus: bad command line\n\n%s", kUsage);
+        return 2;
+    }
+    /* Every command is about the bus other processes share: on the embedded
+     * bus of this one process it would write into a store that ends with it. */
+    const qn_platform_config *cfg = qn_platform_config_get();
+    if (!cfg)
+        return QN_PLATFORM_EX_CONFIG; /* the reason is printed */
+    if (cfg->bus_url.empty()) {
+        fprintf(stderr, "qn-bus: no shared bus: set STOVIG_CONFIG to a config file with [bus] url = "
+                        "redis://HOST:PORT (without it each process has its own in-process bus)\n");
         return 2;
     }
     if (cmd == "inventory") {
@@ -468,7 +559,10 @@ int main(int argc, char **argv)
         }
         if (r == 0 && mslot >= 0)
             r = put_roles(cards, mdev, mslot);
-        return report("inventory", r);
+        ret = report("inventory", r);
+        if (ret != 0 || !keep)
+            return ret;
+        return keep_running();
     }
     int ret = connect_client();
     if (ret)
@@ -504,7 +598,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "qn-bus: dump failed with %d\n", ret);
         return 1;
     }
-    run_loop();
+    if (!run_loop(kAnswerMs))
+        return unreachable("no answer within 10 s");
     fflush(stdout);
     return 0;
 }
