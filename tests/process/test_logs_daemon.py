@@ -4,9 +4,8 @@ debug log at the default routing even with 2000 processes and many
 short-lived ones, debug lines back with [log] level = debug, and an event log
 that keeps its lines while the debug log rotates.
 
-The daemon runs as a box on a fixture tree (an eMMC disk, /data a 4 MiB tmpfs
-in a private mount namespace, so that filling it crosses the capacity
-threshold).  The fixture's /proc lists the host's real processes, kept in step
+The daemon runs as a box on the fixture tree of box_fixture (filling its
+/data tmpfs crosses the capacity threshold).  The fixture's /proc lists the host's real processes, kept in step
 by a thread of the test, so that every I/O tick queries them through the real
 taskstats interface.  I/O ticks are counted with inotify: each one opens the
 fixture's /proc/diskstats once."""
@@ -15,16 +14,14 @@ import collections
 import ctypes
 import os
 import shutil
-import stat
 import struct
 import subprocess
 import threading
-import time
 import unittest
 
-from stovig_proc import DAEMON, Node, TempDir, read_text, wait_for
+from box_fixture import box_node, start_box, unavailable
+from stovig_proc import TempDir, read_text, wait_for
 
-MOUNT = shutil.which("mount", path="/usr/bin:/bin")
 SLEEPERS = 2000
 HIGH = "slot1 High partition flash usage: "
 NORMAL = "slot1 Partition flash usage returned to normal: "
@@ -111,37 +108,12 @@ def log_bytes(run_dir, stem="stovig"):
 
 class LogsDaemon(unittest.TestCase):
     def setUp(self):
-        if os.geteuid() != 0 or shutil.which("unshare") is None or shutil.which("nsenter") is None or MOUNT is None:
-            self.skipTest("needs root, unshare, nsenter and mount for a private tmpfs")
-        probe = subprocess.run(["unshare", "-m", "true"], capture_output=True)
-        if probe.returncode != 0:
-            self.skipTest("mount namespaces unavailable: %s" % probe.stderr.decode().strip())
+        why = unavailable()
+        if why or shutil.which("nsenter") is None:
+            self.skipTest(why or "needs nsenter")
         self.tmp = TempDir(prefix="slogs-")
         self.root = os.path.join(self.tmp.path, "root")
-        csd = ["0"] * 1024
-        csd[537] = "1"
-        files = {
-            "/proc/mounts": "/dev/mmcblk0p2 / ext4 rw 0 0\ntmpfs /data tmpfs rw 0 0\n",
-            "/proc/uptime": "1000.00 10.00\n",
-            "/proc/diskstats": " 179       0 mmcblk0 100 0 2000 50 300 0 6000 900 0 800 950 0 0 0 0 0 0\n",
-            "/sys/kernel/debug/mmc0/mmc0:0001/ext_csd": "".join(csd) + "\n",
-            "/etc/mtab": "",
-        }
-        for rel, text in files.items():
-            os.makedirs(os.path.dirname(self.root + rel), exist_ok=True)
-            with open(self.root + rel, "w") as f:
-                f.write(text)
-        os.makedirs(self.root + "/sys/block/mmcblk0")
-        os.makedirs(self.root + "/data")
-        self.bindir = os.path.join(self.tmp.path, "bin")
-        os.makedirs(self.bindir)
-        for tool in ("mount", "umount"):  # the debugfs remount only
-            path = os.path.join(self.bindir, tool)
-            with open(path, "w") as f:
-                f.write("#!/bin/sh\nexit 0\n")
-            os.chmod(path, stat.S_IRWXU)
         self.ino = Inotify()
-        self.ino.watch(self.root + "/proc/diskstats", Inotify.IN_OPEN)
         self.mirror = None
         self.load = []
         self.node = None
@@ -165,13 +137,9 @@ class LogsDaemon(unittest.TestCase):
     # Set-up pieces.
     def start_daemon(self, log_config=""):
         config = "[log]\nsyslog_file = @SYSLOG@\n" + log_config + "[loop]\nsecond_ms = 50\n"
-        self.node = Node(self.tmp.path, "box", config=config, root=self.root,
-                         env={"PATH": self.bindir + ":" + os.environ["PATH"]})
-        script = ('%s -t tmpfs -o size=4m tmpfs "$STOVIG_ROOT/data" && '
-                  'printf 25920000 > "$STOVIG_ROOT/data/.uptime" && exec "%s"' % (MOUNT, DAEMON))
-        self.node.proc = subprocess.Popen(["unshare", "-m", "--propagation", "private", "sh", "-c", script],
-                                          env=self.node.env, stdout=subprocess.DEVNULL,
-                                          stderr=subprocess.DEVNULL, start_new_session=True)
+        self.node = box_node(self.tmp.path, config)
+        self.ino.watch(self.root + "/proc/diskstats", Inotify.IN_OPEN)
+        start_box(self.node, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.assertTrue(wait_for(lambda: self.ticks() >= 2, timeout=30), "no I/O tick came")
 
     def start_processes(self, sleepers):
