@@ -169,7 +169,8 @@ qn_zlog_category_t *qn_zlog_init(const char *category)
 
     registry &r = the_registry();
     std::lock_guard<std::mutex> guard(r.lock);
-    start_flusher(r);
+    if (cat->keep_from < QN_ZLOG_LEVEL_WARN) /* only debug lines wait in memory */
+        start_flusher(r);
     r.categories.push_back(std::move(cat));
     return r.categories.back().get();
 }
