@@ -1,10 +1,16 @@
 #!/bin/sh
-# Fresh machine to running daemon: install dependencies, build, and run
-# qn-stovig in the foreground as a stand-alone box on the embedded bus.
+# Fresh machine to running daemon: install what is missing, build, and run
+# qn-stovig in the foreground as a stand-alone box on the embedded bus.  The
+# daemon runs as root (taskstats queries need it), through sudo only when
+# started by another user.
 set -eu
 cd "$(dirname "$0")/.."
-./scripts/deps.sh
+./scripts/have-deps.sh 2>/dev/null || ./scripts/deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSTOVIG_TESTS=OFF
 cmake --build build -j"$(nproc)"
-echo "qn-stovig running; debug log: ${TMPDIR:-/tmp}/stovig/stovig.log (Ctrl-C stops it)"
-exec ./build/src/qn-stovig
+SUDO=""
+[ "$(id -u)" -eq 0 ] || SUDO=sudo
+run_dir="${TMPDIR:-/tmp}/stovig"
+echo "qn-stovig running (Ctrl-C stops it); event lines: $run_dir/stovig-events.log," \
+     "debug log: $run_dir/stovig.log"
+exec $SUDO env ${TMPDIR:+TMPDIR="$TMPDIR"} ./build/src/qn-stovig

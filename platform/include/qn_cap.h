@@ -1,6 +1,7 @@
 /* Capability service client: product facts looked up by path.  The stand-in
  * answers from the [cap] section of the platform config file, keyed by the
- * last component of the path (CAP_DEV_TYPE = BOX). */
+ * last component of the path (CAP_DEV_TYPE = BOX); without one it describes a
+ * stand-alone box with an eMMC part, and an empty value removes a capability. */
 #ifndef QN_CAP_H
 #define QN_CAP_H
 

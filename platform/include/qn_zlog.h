@@ -1,4 +1,5 @@
-/* The maker's log library: named categories written to a rotating file. */
+/* The maker's log library: named categories whose lines are routed by level
+ * to rotating files and the system log. */
 #ifndef QN_ZLOG_H
 #define QN_ZLOG_H
 
@@ -18,6 +19,11 @@ typedef struct qn_zlog_category qn_zlog_category_t;
 
 /* Opens a category; null when its destination cannot be opened. */
 qn_zlog_category_t *qn_zlog_init(const char *category);
+
+/* Non-zero when a line of `level` written to `cat` would be kept somewhere
+ * by the category's rules, so that a caller can skip formatting a line that
+ * would be dropped (like zlog's zlog_level_enabled).  0 for a null cat. */
+int qn_zlog_level_enabled(qn_zlog_category_t *cat, int level);
 
 void qndf_zlog(qn_zlog_category_t *cat, const char *file, size_t filelen, const char *func, size_t funclen,
                long line, int level, const char *fmt, ...) __attribute__((format(printf, 8, 9)));

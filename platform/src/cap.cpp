@@ -1,6 +1,8 @@
 /* Capability service stand-in: answers from the [cap] section of the
  * platform config, keyed by the last component of the capability path.
- * Without a value the device type is "BOX" and every other path is absent. */
+ * Without a config file it describes a whole stand-alone box: device type
+ * BOX and the flash figures of a typical 8 GB eMMC part.  A key given with an
+ * empty value removes that capability. */
 #include "qn_cap.h"
 #include "qn_platform_config.h"
 
@@ -8,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -25,7 +28,18 @@ bool cap_started(const qn_mom_client_t *client)
     return started.count(client) != 0;
 }
 
-/* 0 and the configured value of a path; -ENOENT when it has none. */
+/* The stand-alone box: a typical eMMC part (MLC, rated for 3000 erase
+ * cycles and 10 years). */
+const std::map<std::string, std::string> box_defaults = {
+    {"CAP_DEV_TYPE", "BOX"},
+    {"CAP_FLASH_IDNAME", "EMMC-8G"},
+    {"CAP_FLASH_ERASETIMES", "3000"},
+    {"CAP_FLASH_PRODUCTLIFE", "10"},
+    {"CAP_FLASH_GCLEVEL", "1"},
+    {"CAP_FLASH_WARNLEVEL", "80"},
+};
+
+/* 0 and the value of a path; -ENOENT when it has none. */
 int cap_lookup(const char *path, std::string *out)
 {
     if (!path || !*path)
@@ -36,15 +50,15 @@ int cap_lookup(const char *path, std::string *out)
     if (!cfg)
         return -ENOTCONN; /* no readable configuration: the service is down */
     auto it = cfg->cap.find(key);
-    if (it != cfg->cap.end()) {
-        *out = it->second;
-        return 0;
+    if (it == cfg->cap.end()) {
+        it = box_defaults.find(key);
+        if (it == box_defaults.end())
+            return -ENOENT;
     }
-    if (key == "CAP_DEV_TYPE") {
-        *out = "BOX";
-        return 0;
-    }
-    return -ENOENT;
+    if (it->second.empty())
+        return -ENOENT; /* removed by the config file */
+    *out = it->second;
+    return 0;
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "qn_syslog.h"
+#include "log_open.h"
 #include "qn_platform_config.h"
+#include "syslog_event.h"
 
 #include <syslog.h>
 #include <unistd.h>
@@ -11,23 +13,24 @@
 
 namespace {
 
-void emit(int prio, const char *module, const char *mnemonic, const char *tag, const char *fmt, va_list ap)
+/* One line "<module>-<prio>-<mnemonic>: <text>" to syslog(3) or to the
+ * configured file. */
+void emit_text(int prio, const char *module, const char *mnemonic, const char *tag, const char *text)
 {
-    char text[2048];
-    vsnprintf(text, sizeof text, fmt, ap);
     const qn_platform_config *cfg = qn_platform_config_get();
     if (cfg && !cfg->syslog_file.empty()) {
-        FILE *f = fopen(cfg->syslog_file.c_str(), "a");
-        if (!f)
+        int fd = qn_log_open(cfg->syslog_file, nullptr);
+        if (fd < 0)
             return;
         char when[32];
         time_t now = time(nullptr);
         struct tm tm;
         localtime_r(&now, &tm);
         strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &tm);
-        fprintf(f, "%s qn-stovig[%d]: %s%%%s-%d-%s: %s\n", when, static_cast<int>(getpid()), tag, module, prio,
-                mnemonic, text);
-        fclose(f);
+        std::string line = std::string(when) + " qn-stovig[" + std::to_string(getpid()) + "]: " + tag + "%" +
+                           module + "-" + std::to_string(prio) + "-" + mnemonic + ": " + text + "\n";
+        qn_log_write_all(fd, line.data(), line.size(), nullptr);
+        close(fd);
         return;
     }
     static bool opened = false;
@@ -38,7 +41,19 @@ void emit(int prio, const char *module, const char *mnemonic, const char *tag, c
     syslog(prio & LOG_PRIMASK, "%s%%%s-%d-%s: %s", tag, module, prio, mnemonic, text);
 }
 
+void emit(int prio, const char *module, const char *mnemonic, const char *tag, const char *fmt, va_list ap)
+{
+    char text[2048];
+    vsnprintf(text, sizeof text, fmt, ap);
+    emit_text(prio, module, mnemonic, tag, text);
+}
+
 } // namespace
+
+void qn_syslog_event(const std::string &module, const std::string &text)
+{
+    emit_text(LOG_WARNING, module.c_str(), "EVENT", "", text.c_str());
+}
 
 extern "C" {
 

@@ -68,6 +68,9 @@ void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, con
 {
     bool to_syslog = (channels & RES_CH_SYSLOG) && res_dbg_level >= gate;
     bool to_zlog = (channels & RES_CH_ZLOG) && gate <= 4 && res_zlog_level >= gate && res_zlog_handle;
+    /* A line that the log library's rules route nowhere is not formatted. */
+    if (to_zlog && !qn_zlog_level_enabled(res_zlog_handle, zlevel))
+        to_zlog = false;
     if (!to_syslog && !to_zlog)
         return;
     char buf[1024] = {0};

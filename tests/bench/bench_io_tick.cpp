@@ -1,23 +1,31 @@
-/* One I/O tick of the monitor against a bare taskstats sweep.
+/* One I/O tick of the monitor, with the debug log open as the daemon opens
+ * it, against a bare taskstats sweep.
  *
  * A tick is what the I/O timer does: a taskstats snapshot of every process,
  * the diskstats scan and computation, the diff against the kept snapshot
- * and the sort, plus what the I/O publisher reads (every present disk and
- * the first six processes in sort order with their names).  The bare sweep
- * only lists /proc and sends one taskstats query per process and reads its
- * reply.  Extra sleeping processes are started so that the sweep has
- * something to do; both are timed alternately in the same run and their
- * medians printed side by side.  For reference, a third figure gives the
- * tick with every process's names looked up, which the monitor avoids by
- * looking them up only for the processes the publisher lists.
+ * and the sort (with the log lines all of these write), plus what the I/O
+ * publisher reads (every present disk and the first six processes in sort
+ * order with their names).  The bare sweep only lists /proc and sends one
+ * taskstats query per process and reads its reply.
  *
- * Usage: bench_io_tick [extra processes (default 2000)] [rounds (default 30)] */
+ * The log is opened twice through res_zlog_init, as the daemon does at
+ * start-up: once with no config file at all (the default routing: errors and
+ * warnings in the debug log) and once with a config file that asks for
+ * "[log] level = debug", each in a run directory of its own.  Every round
+ * times the tick with the first, the bare sweep, and the tick with the
+ * second, each first in turn, so that all three see the same machine;
+ * medians, their ratios to the sweep, and the log bytes each routing wrote
+ * per tick are printed.
+ * Extra sleeping processes give the sweep something to do.
+ *
+ * Usage: bench_io_tick [extra processes, comma-separated (default 2000,4000)] [rounds (default 20)] */
 #include "misc/res_zlog.h"
 #include "mom/res_mom_cap.h"
 #include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_io_top_arr.h"
 #include "mon/res_mon_io_top_info.h"
 #include "qn_platform_config.h"
+#include "qn_zlog_standin.h"
 #include "res_main.h"
 
 #include <dirent.h>
@@ -26,6 +34,7 @@
 #include <linux/taskstats.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +44,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -80,15 +90,6 @@ void io_tick(void)
     }
 }
 
-/* The tick as it would cost with every record's names looked up. */
-void io_tick_all_names(void)
-{
-    io_tick();
-    xxxid_stats_arr *pa = res_mon_io_top_current();
-    for (int i = 0; pa && i < pa->length; ++i)
-        res_mon_xxxid_resolve(pa->arr[i]);
-}
-
 /* The bare sweep: /proc listing, one query and one reply per process. */
 int bare_sweep(int sock, uint16_t family)
 {
@@ -129,45 +130,128 @@ int bare_sweep(int sock, uint16_t family)
     return replies;
 }
 
+/* Opens the "stovig" category as the daemon does, in a run directory of its
+ * own under `base`, with the given config file text (none when empty). */
+qn_zlog_category_t *open_daemon_log(const std::string &base, const std::string &config_text)
+{
+    mkdir(base.c_str(), 0700);
+    mkdir((base + "/stovig").c_str(), 0700);
+    setenv("TMPDIR", base.c_str(), 1);
+    if (config_text.empty()) {
+        unsetenv("STOVIG_CONFIG");
+    } else {
+        std::string path = base + "/stovig.ini";
+        std::ofstream(path) << config_text;
+        setenv("STOVIG_CONFIG", path.c_str(), 1);
+    }
+    qn_platform_config_reload();
+    if (res_zlog_init() != 0)
+        return nullptr;
+    return res_zlog_handle;
+}
+
+struct figures {
+    double sweep, tick_default, tick_debug;
+    double bytes_default, bytes_debug;
+    int snapshot, replies;
+};
+
+figures measure(int sock, int rounds, qn_zlog_category_t *by_default, qn_zlog_category_t *debug)
+{
+    figures f{};
+    /* Warm-up: the kept snapshot exists before the first timed tick. */
+    res_zlog_handle = by_default;
+    io_tick();
+    res_zlog_handle = debug;
+    io_tick();
+    f.replies = bare_sweep(sock, res_mon_nl_family);
+    qn_zlog_flush(by_default);
+    qn_zlog_flush(debug);
+    uint64_t default_before = qn_zlog_bytes_written(by_default);
+    uint64_t debug_before = qn_zlog_bytes_written(debug);
+
+    std::vector<double> ticks_default, sweeps, ticks_debug;
+    auto time_tick = [](qn_zlog_category_t *log, std::vector<double> &out) {
+        res_zlog_handle = log;
+        double t0 = now_ms();
+        io_tick();
+        out.push_back(now_ms() - t0);
+    };
+    for (int r = 0; r < rounds; ++r) {
+        /* Each of the three goes first in turn, so that none always runs on
+         * caches warmed by another. */
+        for (int i = 0; i < 3; ++i) {
+            switch ((r + i) % 3) {
+            case 0:
+                time_tick(by_default, ticks_default);
+                break;
+            case 1: {
+                double t0 = now_ms();
+                f.replies = bare_sweep(sock, res_mon_nl_family);
+                sweeps.push_back(now_ms() - t0);
+                break;
+            }
+            default:
+                time_tick(debug, ticks_debug);
+                break;
+            }
+        }
+    }
+    qn_zlog_flush(by_default);
+    qn_zlog_flush(debug);
+    f.bytes_default = static_cast<double>(qn_zlog_bytes_written(by_default) - default_before) / rounds;
+    f.bytes_debug = static_cast<double>(qn_zlog_bytes_written(debug) - debug_before) / rounds;
+    f.sweep = median(sweeps);
+    f.tick_default = median(ticks_default);
+    f.tick_debug = median(ticks_debug);
+    xxxid_stats_arr *cur = res_mon_io_top_current();
+    f.snapshot = cur ? cur->length : 0;
+    return f;
+}
+
+std::vector<int> parse_counts(const char *text)
+{
+    std::vector<int> counts;
+    std::stringstream in(text);
+    std::string item;
+    while (std::getline(in, item, ','))
+        if (!item.empty())
+            counts.push_back(atoi(item.c_str()));
+    return counts;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    int extra = argc > 1 ? atoi(argv[1]) : 2000;
-    int rounds = argc > 2 ? atoi(argv[2]) : 30;
+    std::vector<int> counts = parse_counts(argc > 1 ? argv[1] : "2000,4000");
+    int rounds = argc > 2 ? atoi(argv[2]) : 20;
+    if (counts.empty() || rounds < 1) {
+        fprintf(stderr, "usage: %s [extra processes, comma-separated] [rounds]\n", argv[0]);
+        return 2;
+    }
 
-    char cfg[] = "/tmp/bench-io-tick-XXXXXX";
-    int cfd = mkstemp(cfg);
-    if (cfd < 0) {
-        perror("mkstemp");
+    char tmpl[] = "/tmp/bench-io-tick-XXXXXX";
+    if (!mkdtemp(tmpl)) {
+        perror("mkdtemp");
         return 1;
     }
-    close(cfd);
-    std::ofstream(cfg) << "[cap]\nCAP_FLASH_IDNAME = BENCH\nCAP_FLASH_ERASETIMES = 3000\nCAP_FLASH_PRODUCTLIFE = 5\n"
-                          "CAP_FLASH_GCLEVEL = 2\nCAP_FLASH_WARNLEVEL = 80\n";
-    setenv("STOVIG_CONFIG", cfg, 1);
-    qn_platform_config_reload();
+    std::string dir = tmpl;
+    qn_zlog_category_t *debug = open_daemon_log(dir + "/debug", "[log]\nlevel = debug\n");
+    qn_zlog_category_t *by_default = open_daemon_log(dir + "/default", "");
+    if (!debug || !by_default) {
+        fprintf(stderr, "cannot open the logs under %s\n", dir.c_str());
+        return 1;
+    }
+
+    /* The capability lookups and the taskstats set-up as at start-up, with
+     * no config file: the default box profile. */
     static int client_token;
     res_mom_cap_init(reinterpret_cast<qn_mom_client_t *>(&client_token), "bench");
     int ret = res_mon_nl_init();
-    unlink(cfg);
     if (ret != 0) {
         fprintf(stderr, "taskstats set-up failed (%d)\n", ret);
         return 1;
-    }
-
-    std::vector<pid_t> children;
-    for (int i = 0; i < extra; ++i) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            for (;;)
-                pause();
-        }
-        if (pid < 0) {
-            perror("fork");
-            break;
-        }
-        children.push_back(pid);
     }
 
     int sock = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC);
@@ -175,30 +259,29 @@ int main(int argc, char **argv)
     local.nl_family = AF_NETLINK;
     bind(sock, reinterpret_cast<sockaddr *>(&local), sizeof local);
 
-    /* Warm-up, then alternate so that both see the same machine. */
-    io_tick();
-    int replies = bare_sweep(sock, res_mon_nl_family);
-    std::vector<double> ticks, sweeps, named;
-    for (int r = 0; r < rounds; ++r) {
-        double t0 = now_ms();
-        io_tick();
-        double t1 = now_ms();
-        replies = bare_sweep(sock, res_mon_nl_family);
-        double t2 = now_ms();
-        io_tick_all_names();
-        double t3 = now_ms();
-        ticks.push_back(t1 - t0);
-        sweeps.push_back(t2 - t1);
-        named.push_back(t3 - t2);
+    printf("logs under %s; %d rounds per row; times are medians\n", dir.c_str(), rounds);
+    printf("%8s %8s | %10s | %10s %6s %12s | %10s %6s %12s\n", "extra", "in snap", "sweep ms", "default ms",
+           "ratio", "log B/tick", "debug ms", "ratio", "log B/tick");
+    std::vector<pid_t> children;
+    for (int want : counts) {
+        while (static_cast<int>(children.size()) < want) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                for (;;)
+                    pause();
+            }
+            if (pid < 0) {
+                perror("fork");
+                break;
+            }
+            children.push_back(pid);
+        }
+        figures f = measure(sock, rounds, by_default, debug);
+        printf("%8zu %8d | %10.3f | %10.3f %6.2f %12.0f | %10.3f %6.2f %12.0f\n", children.size(), f.snapshot,
+               f.sweep, f.tick_default, f.tick_default / f.sweep, f.bytes_default, f.tick_debug,
+               f.tick_debug / f.sweep, f.bytes_debug);
+        fflush(stdout);
     }
-    xxxid_stats_arr *cur = res_mon_io_top_current();
-    double mt = median(ticks), ms = median(sweeps);
-    printf("processes: %d in the snapshot, %d extra sleeping, %d sweep replies, %d rounds\n",
-           cur ? cur->length : 0, static_cast<int>(children.size()), replies, rounds);
-    printf("I/O tick:   median %.3f ms\n", mt);
-    printf("bare sweep: median %.3f ms\n", ms);
-    printf("ratio tick/sweep: %.2f\n", mt / ms);
-    printf("(reference: tick looking up every process's names: median %.3f ms)\n", median(named));
 
     close(sock);
     for (pid_t pid : children)
@@ -207,5 +290,6 @@ int main(int argc, char **argv)
         waitpid(pid, nullptr, 0);
     res_mon_io_top_clear();
     res_mon_io_stat_clear();
-    return 0;
+    std::string cmd = "rm -rf '" + dir + "'";
+    return std::system(cmd.c_str()) == 0 ? 0 : 1;
 }

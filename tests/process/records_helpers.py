@@ -82,8 +82,10 @@ class Daemon(Node):
 
     def events(self, task):
         mark = " %s: " % task
-        return [line.split(mark, 1)[1] for line in self.log_text().splitlines()
-                if " EVENT " in line and mark in line]
+        return [line.split(mark, 1)[1] for line in self.event_lines() if mark in line]
+
+    def wait_event(self, text, timeout=30.0):
+        return wait_for(lambda: any(text in line for line in self.event_lines()), timeout)
 
 
 class DiskFeed(threading.Thread):

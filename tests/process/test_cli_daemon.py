@@ -18,7 +18,7 @@ class DaemonCliTest(unittest.TestCase):
         os.makedirs(os.path.join(root, "proc"))
         with open(os.path.join(root, "proc", "mounts"), "w") as f:
             f.write("/dev/sda1 /mnt/nowhere ext4 rw,relatime 0 0\n")  # an SSD box, nothing watched mounted
-        self.node = Node(self.tmp.path, "box", root=root)
+        self.node = Node(self.tmp.path, "box", config="[log]\nlevel = debug\n", root=root)
         self.start()
 
     def start(self):

@@ -4,17 +4,16 @@ tmpfs in a private mount namespace, so that every figure is known; its
 records travel over the embedded bus into its own node store."""
 
 import os
-import shutil
-import stat
 import struct
 import subprocess
 import unittest
 
-from stovig_proc import DAEMON, BIN_DIR, Node, TempDir, wait_for
+from box_fixture import box_node, start_box, unavailable
+from stovig_proc import BIN_DIR, TempDir, wait_for
 
 SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
-MOUNT = shutil.which("mount", path="/usr/bin:/bin")
 CONFIG = "[loop]\nsecond_ms = 50\n"
+PROCESS_TABLE = object()  # where the process table stands in the output
 
 
 def f32(x):
@@ -23,39 +22,15 @@ def f32(x):
 
 class ShowBox(unittest.TestCase):
     def setUp(self):
-        if os.geteuid() != 0 or shutil.which("unshare") is None or MOUNT is None:
-            self.skipTest("needs root, unshare and mount for a private tmpfs")
-        probe = subprocess.run(["unshare", "-m", "true"], capture_output=True)
-        if probe.returncode != 0:
-            self.skipTest("mount namespaces unavailable: %s" % probe.stderr.decode().strip())
+        why = unavailable()
+        if why:
+            self.skipTest(why)
         self.tmp = TempDir(prefix="scli-box-")
-        self.root = os.path.join(self.tmp.path, "root")
-        csd = ["0"] * 1024
-        csd[537] = "1"  # DEVICE_LIFE_TIME_EST_TYP_A = 0x01: 5 % worn
-        files = {
-            "/proc/mounts": "/dev/mmcblk0p2 / ext4 rw 0 0\ntmpfs /data tmpfs rw 0 0\n",
-            "/proc/uptime": "1000.00 10.00\n",
-            "/proc/diskstats": " 179       0 mmcblk0 100 0 2000 50 300 0 6000 900 0 800 950 0 0 0 0 0 0\n"
-                               " 179       2 mmcblk0p2 100 0 2000 50 300 0 6000 900 0 800 950 0 0 0 0 0 0\n",
-            "/sys/kernel/debug/mmc0/mmc0:0001/ext_csd": "".join(csd) + "\n",
-            "/etc/mtab": "",
-        }
-        for rel, text in files.items():
-            os.makedirs(os.path.dirname(self.root + rel), exist_ok=True)
-            with open(self.root + rel, "w") as f:
-                f.write(text)
-        os.makedirs(self.root + "/sys/block/mmcblk0")
-        os.makedirs(self.root + "/data")
-        # mount and umount of the debugfs remount only record their calls.
-        self.bindir = os.path.join(self.tmp.path, "bin")
-        os.makedirs(self.bindir)
-        for tool in ("mount", "umount"):
-            path = os.path.join(self.bindir, tool)
-            with open(path, "w") as f:
-                f.write("#!/bin/sh\nexit 0\n")
-            os.chmod(path, stat.S_IRWXU)
-        self.node = Node(self.tmp.path, "box", config=CONFIG, root=self.root,
-                         env={"PATH": self.bindir + ":" + os.environ["PATH"]})
+        # This test is the one process of the fixture's /proc.
+        self.node = box_node(self.tmp.path, CONFIG, {
+            "/proc/%d/status" % os.getpid(): "Name:\tshowbox-test\nState:\tS (sleeping)\n",
+            "/proc/%d/cmdline" % os.getpid(): "showbox-test\0--flag\0",
+        })
 
     def tearDown(self):
         if hasattr(self, "node"):
@@ -63,11 +38,7 @@ class ShowBox(unittest.TestCase):
             self.tmp.cleanup()
 
     def start_in_namespace(self):
-        script = ('%s -t tmpfs -o size=4m tmpfs "$STOVIG_ROOT/data" && '
-                  'printf 25920000 > "$STOVIG_ROOT/data/.uptime" && exec "%s"' % (MOUNT, DAEMON))
-        self.node.proc = subprocess.Popen(["unshare", "-m", "--propagation", "private", "sh", "-c", script],
-                                          env=self.node.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                          start_new_session=True)
+        start_box(self.node)
 
     def cli(self, *commands):
         args = [SHELL]
@@ -96,7 +67,7 @@ class ShowBox(unittest.TestCase):
             " Device      Read(KB/S)      Write(KB/S)      Util      Status",
             " mmcblk0          0.00             0.00      0.00%      Normal",
             "",
-            " Process I/O information is not ready, please wait and try again.",
+            PROCESS_TABLE,
             "",
             "Storage read-only information:",
             "----------------------",
@@ -118,6 +89,15 @@ class ShowBox(unittest.TestCase):
         ]
         got = out.split("\n")
         self.assertEqual(got[-1], "")
+        # With no config file the box is whole, so per-process accounting runs
+        # and lists the one process of the fixture's /proc (this test, queried
+        # through the real taskstats; its rates depend on what it wrote).
+        at = want.index(PROCESS_TABLE)
+        self.assertEqual(got[at], " PID      Read(B/S)      Write(B/S)             Process", out)
+        self.assertRegex(got[at + 1], r"^ %-5d [0-9 ]{7}\d\.\d\d  [0-9 ]{10}\d\.\d\d         showbox-test$"
+                         % os.getpid(), out)
+        got = got[:at] + got[at + 2:]
+        want = want[:at] + want[at + 1:]
         for number, (g, w) in enumerate(zip(got[:-1], want), 1):
             self.assertEqual(g, w, "line %d differs:\n%s" % (number, out))
         self.assertEqual(len(got) - 1, len(want), out)

@@ -102,14 +102,14 @@ class StartupTest(unittest.TestCase):
         os.makedirs(os.path.join(root, "tmp", "qn-stovig"))
         with open(os.path.join(root, "tmp", "qn-stovig", "debug_level"), "w") as f:
             f.write("3\n")
-        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\n", root=root)
+        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\nlevel = debug\n", root=root)
         n.start()
         self.assertTrue(wait_for(lambda: "process begin" in n.syslog_text()))
         self.assertRegex(n.syslog_text(), r"%STOVIG-7-DEBUG: \[<main>:<\d+>\] process begin")
         self.assertRegex(n.log_text(), r"DEBUG main\.cpp:\d+ main: process begin")
 
     def test_without_level_file_syslog_stays_silent_and_log_is_written(self):
-        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\n")
+        n = self.node(config="[log]\nsyslog_file = @SYSLOG@\nlevel = debug\n")
         n.start()
         self.assertTrue(n.wait_log("process begin"))
         self.assertIsNone(n.proc.poll())

@@ -66,14 +66,14 @@ class RecordsEndToEnd(unittest.TestCase):
         self.assertGreaterEqual(used / total, 0.8)
         want = "slot3 High partition flash usage: %.2f%%, the capacity threshold is 80.00%%." % (
             f32(f32(f32(used) / f32(total)) * 100))
-        self.assertTrue(m.wait_log(want, 30), m.log_text()[-3000:])
+        self.assertTrue(m.wait_event(want, 30), m.log_text()[-3000:])
         self.passes(CAP_PASS, 3)
         self.assertEqual(m.events("res_part_vol_warning_task"), [want])
         print("master: %s" % want)
 
         self.pair.ns("rm", lc.root + "/data/fill")
         self.pair.ns("sync")
-        self.assertTrue(m.wait_log("slot3 Partition flash usage returned to normal: ", 30), m.log_text()[-3000:])
+        self.assertTrue(m.wait_event("slot3 Partition flash usage returned to normal: ", 30), m.log_text()[-3000:])
         self.passes(CAP_PASS, 3)
         lines = m.events("res_part_vol_warning_task")
         self.assertEqual(len(lines), 2, lines)
@@ -82,12 +82,12 @@ class RecordsEndToEnd(unittest.TestCase):
 
         self.pair.ns("mount", "-o", "remount,ro", lc.root + "/mnt/usb0")
         self.pair.publish_mounts()
-        self.assertTrue(m.wait_log("slot3 Partition usb0 is readonly.", 30), m.log_text()[-3000:])
+        self.assertTrue(m.wait_event("slot3 Partition usb0 is readonly.", 30), m.log_text()[-3000:])
         self.passes(RO_PASS, 3)
         self.assertEqual(m.events("res_part_ro_warning_task"), ["slot3 Partition usb0 is readonly."])
         self.pair.ns("mount", "-o", "remount,rw", lc.root + "/mnt/usb0")
         self.pair.publish_mounts()
-        self.assertTrue(m.wait_log("slot3 Partition usb0 read and write returned to normal.", 30))
+        self.assertTrue(m.wait_event("slot3 Partition usb0 read and write returned to normal.", 30))
         self.passes(RO_PASS, 2)
         self.assertEqual(len(m.events("res_part_ro_warning_task")), 2)
 
@@ -102,7 +102,7 @@ class RecordsEndToEnd(unittest.TestCase):
         self.assertEqual(m.events("res_disk_io_warning_save_task"), [])
 
         self.pair.bus("upgrade", 0)
-        self.assertTrue(m.wait_log("slot3 High disk sda I/O read: ", 30), m.log_text()[-3000:])
+        self.assertTrue(m.wait_event("slot3 High disk sda I/O read: ", 30), m.log_text()[-3000:])
         self.passes(IO_SENT, 4)
         lines = m.events("res_disk_io_warning_save_task")
         self.assertEqual(len(lines), 1, lines)
@@ -113,7 +113,7 @@ class RecordsEndToEnd(unittest.TestCase):
         self.pair.bus("upgrade", 3)  # recoveries go through the gate
         self.assertTrue(m.wait_count("it is upgrading now", 2, 30))
         self.feed.busy = False
-        self.assertTrue(m.wait_log("I/O returned to normal: ", 30), m.log_text()[-3000:])
+        self.assertTrue(m.wait_event("I/O returned to normal: ", 30), m.log_text()[-3000:])
         self.passes(IO_SENT, 3)
         lines = m.events("res_disk_io_warning_save_task")
         self.assertEqual(len(lines), 2, lines)

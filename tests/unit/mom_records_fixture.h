@@ -55,7 +55,10 @@ protected:
         EXPECT_EQ(std::system(cmd.c_str()), 0);
     }
 
-    std::string zlog_config() const { return "file = " + dir + "/zlog.log\n"; }
+    std::string zlog_config() const
+    {
+        return "file = " + dir + "/zlog.log\nevents_file = " + dir + "/events.log\n";
+    }
 
     /* Diagnostics captured and event lines written to this test's file. */
     void capture()
@@ -75,7 +78,7 @@ protected:
     std::vector<std::string> events(const std::string &task) const
     {
         std::vector<std::string> out;
-        std::istringstream in(slurp_file(dir + "/zlog.log"));
+        std::istringstream in(slurp_file(dir + "/events.log"));
         std::string line;
         std::string mark = " " + task + ": ";
         while (std::getline(in, line)) {

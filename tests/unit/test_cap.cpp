@@ -95,14 +95,56 @@ TEST_F(Cap, UnreadableConfigMeansServiceDown)
     EXPECT_EQ(0u, len);
 }
 
-TEST_F(Cap, EmptyValueIsReportedWithPathResultAndLength)
+TEST_F(Cap, EmptyValueRemovesTheCapability)
 {
     write_config("[cap]\nCAP_DEV_TYPE =\n");
     uint32_t type = 1;
     EXPECT_EQ(-1, res_cap_get_device_type(fake_client(), &type));
     EXPECT_EQ(2u, type);
     EXPECT_TRUE(logged("call libqn_cap_get_capacity_str url[g_feature_spec/product_platform_spec/CAP_DEV_TYPE] "
-                       "with ret[0] len[0]."));
+                       "with ret[-2] len[0]."));
+}
+
+TEST_F(Cap, WithoutConfigTheBoxIsWhole)
+{
+    unsetenv("STOVIG_CONFIG");
+    qn_platform_config_reload();
+    uint32_t type = 2;
+    EXPECT_EQ(0, res_cap_get_device_type(fake_client(), &type));
+    EXPECT_EQ(1u, type);
+    res_mom_cap_init(fake_client(), "stovig");
+    EXPECT_EQ(0, res_get_flash_cap());
+    char id[32];
+    uint32_t len = 0;
+    EXPECT_EQ(0, libqn_cap_get_capacity_str(fake_client(), "a/CAP_FLASH_IDNAME", id, sizeof id, &len));
+    EXPECT_STREQ("EMMC-8G", id);
+    int32_t v = 0;
+    EXPECT_EQ(0, libqn_cap_get_capacity_int32(fake_client(), "a/CAP_FLASH_ERASETIMES", &v));
+    EXPECT_EQ(3000, v);
+    EXPECT_EQ(0, libqn_cap_get_capacity_int32(fake_client(), "a/CAP_FLASH_PRODUCTLIFE", &v));
+    EXPECT_EQ(10, v);
+    EXPECT_EQ(0, libqn_cap_get_capacity_int32(fake_client(), "a/CAP_FLASH_GCLEVEL", &v));
+    EXPECT_EQ(1, v);
+    EXPECT_EQ(0, libqn_cap_get_capacity_int32(fake_client(), "a/CAP_FLASH_WARNLEVEL", &v));
+    EXPECT_EQ(80, v);
+    EXPECT_EQ(-ENOENT, libqn_cap_get_capacity_int32(fake_client(), "a/CAP_NOT_THERE", &v));
+}
+
+TEST_F(Cap, ConfigWithoutCapSectionKeepsTheBoxDefaults)
+{
+    res_mom_cap_init(fake_client(), "stovig");
+    EXPECT_EQ(0, res_get_flash_cap());
+    EXPECT_TRUE(logged("CAP:flash_id=EMMC-8G\n"));
+    EXPECT_TRUE(logged("CAP:block_erase_times=3000\n"));
+    EXPECT_TRUE(logged("CAP:product_lifetime_years=10\n"));
+}
+
+TEST_F(Cap, OneRemovedFlashFigureFailsTheLookups)
+{
+    write_config("[cap]\nCAP_FLASH_GCLEVEL =\n");
+    res_mom_cap_init(fake_client(), "stovig");
+    EXPECT_EQ(-ENOENT, res_get_flash_cap());
+    EXPECT_TRUE(logged("CAP:flash_id=EMMC-8G\n"));
 }
 
 TEST_F(Cap, NullArgumentsFail)
@@ -158,7 +200,8 @@ TEST_F(Cap, FlashFiguresTwiceLeaveOneRecord)
 
 TEST_F(Cap, MissingFlashFiguresFailWithZerosKept)
 {
-    write_config("[cap]\nCAP_FLASH_ERASETIMES = 3000\n");
+    write_config("[cap]\nCAP_FLASH_IDNAME =\nCAP_FLASH_ERASETIMES = 3000\nCAP_FLASH_PRODUCTLIFE =\n"
+                 "CAP_FLASH_GCLEVEL =\nCAP_FLASH_WARNLEVEL =\n");
     res_mom_cap_init(fake_client(), "stovig");
     int ret = res_get_flash_cap();
     EXPECT_LT(ret, 0);

@@ -494,9 +494,22 @@ TEST_F(MonIoTopKernel, InitResolvesTheFamilyAndQueriesProcesses)
     arr_free(pa);
 }
 
+TEST_F(MonIoTopKernel, DefaultBoxProfileLetsEveryProcessBeQueried)
+{
+    write_config(""); /* no [cap] section at all */
+    ASSERT_EQ(0, res_mon_nl_init());
+    EXPECT_TRUE(logged("CAP:flash_id=EMMC-8G"));
+    clear_log();
+    xxxid_stats_arr *pa = fetch_data();
+    ASSERT_NE(nullptr, pa);
+    EXPECT_NE(nullptr, arr_find(pa, static_cast<uint32_t>(getpid())));
+    arr_free(pa);
+    EXPECT_FALSE(logged("get_xxxid_info")) << log();
+}
+
 TEST_F(MonIoTopKernel, MissingFlashFiguresCloseTheSocket)
 {
-    write_config("");
+    write_config("[cap]\nCAP_FLASH_IDNAME =\n");
     EXPECT_NE(0, res_mon_nl_init());
     EXPECT_TRUE(logged("res_get_flash_cap fail."));
     /* The descriptor number is kept, but the socket is gone. */

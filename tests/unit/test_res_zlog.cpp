@@ -2,6 +2,7 @@
 #include "misc/res_zlog.h"
 #include "test_loop.h"
 #include "qn_platform_config.h"
+#include "qn_zlog_standin.h"
 
 #include <gtest/gtest.h>
 
@@ -141,12 +142,18 @@ class LogChannels : public ::testing::Test {
         char tmpl[] = "/tmp/stovig-log-XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         dir = tmpl;
-        std::ofstream(dir + "/cfg.ini") << "[log]\nfile = " << dir << "/zlog.log\nsyslog_file = " << dir
-                                       << "/syslog.log\n";
-        setenv("STOVIG_CONFIG", (dir + "/cfg.ini").c_str(), 1);
-        qn_platform_config_reload();
         saved_level = res_dbg_level;
         saved_handle = res_zlog_handle;
+        open_log("level = debug\n");
+    }
+    /* The category on this test's files, with more [log] keys. */
+    void open_log(const std::string &more)
+    {
+        std::ofstream(dir + "/cfg.ini") << "[log]\nfile = " << dir << "/zlog.log\nevents_file = " << dir
+                                       << "/events.log\nsyslog_file = " << dir << "/syslog.log\n"
+                                       << more;
+        setenv("STOVIG_CONFIG", (dir + "/cfg.ini").c_str(), 1);
+        qn_platform_config_reload();
         ASSERT_EQ(0, res_zlog_init());
     }
     void TearDown() override
@@ -158,7 +165,12 @@ class LogChannels : public ::testing::Test {
         std::system(("rm -rf " + dir).c_str());
     }
     std::string syslog_text() { return slurp(dir + "/syslog.log"); }
-    std::string zlog_text() { return slurp(dir + "/zlog.log"); }
+    std::string zlog_text()
+    {
+        qn_zlog_flush(res_zlog_handle);
+        return slurp(dir + "/zlog.log");
+    }
+    std::string events_text() { return slurp(dir + "/events.log"); }
     std::string dir;
     uint32_t saved_level;
     qn_zlog_category_t *saved_handle;
@@ -257,10 +269,43 @@ TEST_F(LogChannels, EventLinesAreWrittenWhateverTheLevel)
 {
     res_dbg_level = 0;
     res_event_line("mom/res_mom_part.cpp", "res_part_vol_warning_task", 10, "slot1 Partition usb0 is readonly.");
-    std::string z = zlog_text();
+    std::string e = events_text();
     EXPECT_NE(std::string::npos,
-              z.find("EVENT mom/res_mom_part.cpp:10 res_part_vol_warning_task: slot1 Partition usb0 is readonly."));
-    EXPECT_EQ("", syslog_text());
+              e.find("EVENT mom/res_mom_part.cpp:10 res_part_vol_warning_task: slot1 Partition usb0 is readonly."));
+    EXPECT_EQ(std::string::npos, zlog_text().find("readonly"));
+    /* Not a diagnostic line: the log library's own copy to the system log. */
+    std::string s = syslog_text();
+    EXPECT_EQ(std::string::npos, s.find("DEBUG")) << s;
+    EXPECT_NE(std::string::npos, s.find("]: %STOVIG-4-EVENT: mom/res_mom_part.cpp:10 res_part_vol_warning_task: "
+                                        "slot1 Partition usb0 is readonly.\n"))
+        << s;
+}
+
+TEST_F(LogChannels, DefaultRoutingKeepsErrorsAndWarningsOnly)
+{
+    open_log("");
+    res_dbg_level = 4;
+    RES_ERR("an error %d", 1);
+    RES_WARN("a warning %d", 2);
+    RES_DBG("a debug line %d", 3);
+    RES_VERBOSE("a verbose line %d", 4);
+    std::string z = zlog_text();
+    EXPECT_NE(std::string::npos, z.find("an error 1"));
+    EXPECT_NE(std::string::npos, z.find("a warning 2"));
+    EXPECT_EQ(std::string::npos, z.find("a debug line")) << z;
+    EXPECT_EQ(std::string::npos, z.find("a verbose line")) << z;
+    /* The syslog channel keeps its own gate, whatever the log library keeps. */
+    std::string s = syslog_text();
+    EXPECT_NE(std::string::npos, s.find("a debug line 3")) << s;
+    EXPECT_NE(std::string::npos, s.find("a verbose line 4")) << s;
+}
+
+TEST_F(LogChannels, MessageNewlineLeavesNoBlankLine)
+{
+    RES_DBG("CAP:flash_id=%s\n", "EMMC-8G");
+    RES_DBG("next");
+    std::string z = zlog_text();
+    EXPECT_NE(std::string::npos, z.find(" TestBody: CAP:flash_id=EMMC-8G\n2")) << z;
 }
 
 TEST_F(LogChannels, NullHandleSilencesZlog)
