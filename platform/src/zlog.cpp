@@ -37,6 +37,7 @@
 struct qn_zlog_category {
     std::string name;
     std::string debug_path;
+    std::string events_path;
     std::string module;   /* the category name in upper case, for the system log */
     int keep_from;        /* lowest level written to the debug log */
     std::shared_ptr<zlog_file_sink> debug_sink;
@@ -149,18 +150,20 @@ qn_zlog_category_t *qn_zlog_init(const char *category)
 
     registry &r = the_registry();
     {
-        /* One category per name and file: a second opener (a stand-in
-         * logging for the program) shares the files and their rotation
-         * instead of racing them. */
+        /* One category per name, files and rules: a second opener (a
+         * stand-in logging for the program) shares the files and their
+         * rotation instead of racing them. */
         std::lock_guard<std::mutex> guard(r.lock);
         for (const auto &c : r.categories)
-            if (c->name == category && c->debug_path == debug_path)
+            if (c->name == category && c->debug_path == debug_path && c->events_path == events_path &&
+                c->keep_from == keep_from(cfg->log_level))
                 return c.get();
     }
 
     auto cat = std::make_unique<qn_zlog_category>();
     cat->name = category;
     cat->debug_path = debug_path;
+    cat->events_path = events_path;
     for (const char *p = category; *p; ++p)
         cat->module += static_cast<char>(toupper(static_cast<unsigned char>(*p)));
     cat->keep_from = keep_from(cfg->log_level);
