@@ -137,7 +137,7 @@ void note_drop(const conn &c, size_t pending)
         ++svc->drops_untold;
         return;
     }
-    CLI_LOG(QN_ZLOG_LEVEL_DEBUG,
+    CLI_LOG(QN_ZLOG_LEVEL_WARN,
             "cli session of uid %u stopped reading with %zu bytes of replies pending: disconnected "
             "(%u more since the last such line).",
             static_cast<unsigned>(c.uid), pending, svc->drops_untold);
