@@ -4,6 +4,7 @@
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_data.h"
+#include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_io_top_info.h"
@@ -203,7 +204,7 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
                     res_mom_io_event("returned to normal", node_name, e);
                 }
             } else {
-                d->io_flag = static_cast<uint32_t>(n);
+                d->io_flag = res_sat_u32_from_double(n);
                 if (n == 2)
                     res_mom_io_event("usage", node_name, e);
                 else if (n == 1)
