@@ -137,12 +137,21 @@ int res_run_dir_setup(const char *dir, std::string *why)
     if (path.empty())
         return refuse("has no name");
 
-    bool created = false;
+    size_t slash = path.rfind('/');
+    std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0) {
-        if (errno != ENOENT)
-            return refuse(res_format("cannot be examined: %s", strerror(errno)));
+    bool missing = lstat(path.c_str(), &st) != 0;
+    if (missing && errno != ENOENT)
+        return refuse(res_format("cannot be examined: %s", strerror(errno)));
+    if (missing)
         res_make_parents(path);
+    /* Nothing is made inside a parent that someone else controls. */
+    std::string parents = res_parents_unsafe(parent, uid);
+    if (!parents.empty())
+        return refuse("is not safe: " + parents);
+
+    bool created = false;
+    if (missing) {
         if (mkdir(path.c_str(), 0700) == 0)
             created = true;
         else if (errno != EEXIST)
@@ -154,6 +163,9 @@ int res_run_dir_setup(const char *dir, std::string *why)
         return refuse("is a symbolic link");
     if (!S_ISDIR(st.st_mode))
         return refuse("is not a directory");
+    if (st.st_uid != uid)
+        return refuse(res_format("is owned by uid %u, not by uid %u", static_cast<unsigned>(st.st_uid),
+                                 static_cast<unsigned>(uid)));
 
     int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
@@ -170,13 +182,6 @@ int res_run_dir_setup(const char *dir, std::string *why)
     if (bad) {
         close(fd);
         return refuse(bad);
-    }
-    size_t slash = path.rfind('/');
-    std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    std::string parents = res_parents_unsafe(parent, uid);
-    if (!parents.empty()) {
-        close(fd);
-        return refuse("is not safe: " + parents);
     }
     return fd;
 }

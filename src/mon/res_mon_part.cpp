@@ -33,9 +33,14 @@ bool res_probe_refused[RES_PART_NUM];
 int res_mon_probe_open(const char *path)
 {
     int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0755);
-    if (fd < 0)
-        return -1;
     struct stat st;
+    if (fd < 0) {
+        /* In a sticky directory the kernel answers EACCES rather than ELOOP
+         * for another user's link: look at what is there. */
+        int err = errno;
+        errno = err != EROFS && lstat(path, &st) == 0 && S_ISLNK(st.st_mode) ? ELOOP : err;
+        return -1;
+    }
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         close(fd);
         errno = ELOOP;

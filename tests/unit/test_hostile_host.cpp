@@ -108,6 +108,10 @@ TEST_F(HostileHost, ProbeFileLinkIsNeverFollowedAndLoggedOnce)
     ASSERT_EQ(0, symlink((root + "/victim/created-by-root").c_str(), (root + "/mnt/usb0/.test-readonly").c_str()));
     mkdirs("/mnt/usb1");
     ASSERT_EQ(0, symlink((root + "/victim/existing").c_str(), (root + "/mnt/usb1/.test-readonly").c_str()));
+    /* Another user's link in a sticky directory (the kernel then answers
+     * EACCES, not ELOOP). */
+    ASSERT_EQ(0, chmod((root + "/mnt/usb1").c_str(), 01777));
+    ASSERT_EQ(0, lchown((root + "/mnt/usb1/.test-readonly").c_str(), 65534, 65534));
     mkdirs("/mnt/sd0");
     ASSERT_EQ(0, mkfifo((root + "/mnt/sd0/.test-readonly").c_str(), 0666));
     put("/proc/mounts", "/dev/sdb1 /mnt/usb0 vfat rw 0 0\n/dev/sdc1 /mnt/usb1 vfat rw 0 0\n"
@@ -331,6 +335,7 @@ TEST_F(RunDir, ParentOfAnotherUserIsRefused)
     EXPECT_EQ("run directory " + root + "/theirs/stovig/ is not safe: parent " + root +
                   "/theirs is owned by uid 65534",
               why);
+    EXPECT_NE(0, access((root + "/theirs/stovig").c_str(), F_OK)); /* nothing made in it */
     /* Through a link of theirs to a directory of ours. */
     mkdirs("/ours");
     ASSERT_EQ(0, symlink((root + "/ours").c_str(), (root + "/via").c_str()));
