@@ -3,6 +3,7 @@
 #include "misc/res_saturate.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
+#include "mom/res_mom_main.h"
 #include "mon/res_mon_disk.h"
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
@@ -151,6 +152,24 @@ TEST(Saturate, IoFlagFromTheBusIsStoredSaturated)
     }
     res_mom_upgrade_flag = saved_gate;
     res_mom_data_init();
+}
+
+/* Enum fields hold whatever int32 the node sent: a value outside the
+ * enumeration counts as "not idle", as any non-zero one does. */
+TEST(Saturate, OutOfRangeUpgradeAndIssuStatesCountAsUpgrading)
+{
+    uint32_t saved_gate = res_mom_upgrade_flag;
+    res_mom_upgrade_flag = 0;
+    PUtils__IssuNGlobalInfo issu = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
+    const int32_t minus_one = -1, big = 77;
+    memcpy(&issu.state, &minus_one, sizeof minus_one);
+    EXPECT_EQ(0, res_mom_save_issu_flag(QN_MOM_REPLY_VALUE, &issu.base));
+    EXPECT_EQ(static_cast<uint32_t>(RES_MOM_GATE_ISSU), res_mom_upgrade_flag);
+    PUtils__UpgradeGlobalStatus up = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
+    memcpy(&up.status, &big, sizeof big);
+    EXPECT_EQ(0, res_mom_save_upgrade_flag(QN_MOM_REPLY_VALUE, &up.base));
+    EXPECT_EQ(static_cast<uint32_t>(RES_MOM_GATE_ISSU | RES_MOM_GATE_UPGRADE), res_mom_upgrade_flag);
+    res_mom_upgrade_flag = saved_gate;
 }
 
 } // namespace
