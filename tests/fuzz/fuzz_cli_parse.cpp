@@ -130,13 +130,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             r.pb.ctx = nullptr;
             r.eol->handler(&r.pb);
         }
-        /* And the configuration the handlers generate. */
-        for (const cli_node *gen : cli_parse_generators(mode_roots[CLI_MODE_CONFIG])) {
-            cli_parse_block pb{};
-            pb.gen = CLI_GEN_RUNNING;
-            if (gen->handler)
-                gen->handler(&pb);
-        }
+    }
+    /* And the configuration lines that the settings now generate. */
+    for (const cli_node *gen : cli_parse_generators(mode_roots[CLI_MODE_CONFIG])) {
+        cli_parse_block pb{};
+        pb.gen = CLI_GEN_RUNNING;
+        if (gen->handler)
+            gen->handler(&pb);
     }
     output.clear();
     res_dbg_level = 0;
