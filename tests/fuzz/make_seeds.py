@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""Writes the seed corpora of the fuzz harnesses (tests/fuzz/corpus/NAME/):
+"""Writes the named seeds of the fuzz corpora (tests/fuzz/corpus/NAME/):
 well-formed inputs of each kind, plus the edge cases the parsers must
-survive.  Run it again after changing the seeds; crash inputs found by the
-fuzzers are added to the corpora as regression seeds by hand (named
-regress-*), and are kept by this script."""
+survive.  The other files of a corpus are kept as they are: inputs that made
+a fuzzer crash, added by hand as regression seeds (regress-*), and the inputs
+named by their SHA-1, the minimized corpus of long runs (libFuzzer -merge=1
+of their work corpora into this one), so that the short runs of the test
+suite start from the coverage those reached."""
 
 import os
 import struct
