@@ -10,4 +10,5 @@ $SUDO apt-get install -y -q --no-install-recommends \
   libevent-dev libspdlog-dev libsystemd-dev libinih-dev \
   libprotobuf-c-dev protobuf-c-compiler libhiredis-dev libedit-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
-  redis-server sysstat iotop-c e2fsprogs util-linux fdisk procps
+  redis-server sysstat iotop-c e2fsprogs util-linux fdisk procps \
+  clang libclang-rt-14-dev

@@ -6,5 +6,12 @@ cd "$(dirname "$0")/.."
 ./scripts/have-deps.sh 2>/dev/null || ./scripts/deps.sh
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSTOVIG_SANITIZE=ON
 cmake --build build-asan -j"$(nproc)"
-cd build-asan
-ctest --output-on-failure --timeout 900 "$@"
+(cd build-asan && ctest --output-on-failure --timeout 900 "$@")
+# Without ctest arguments, the libFuzzer harnesses too: a clang build of
+# their own, each run for a few seconds on its seed corpus.
+if [ $# -eq 0 ]; then
+  CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=Debug -DSTOVIG_FUZZ=ON \
+    -DSTOVIG_TESTS=OFF -DSTOVIG_BENCH=OFF
+  cmake --build build-fuzz -j"$(nproc)" --target stovig_fuzzers
+  (cd build-fuzz && ctest --output-on-failure -L fuzz)
+fi

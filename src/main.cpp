@@ -3,6 +3,7 @@
  * runs the loop until nothing can be delivered any more. */
 #include "cli/res_cli_main.h"
 #include "misc/res_ham.h"
+#include "misc/res_run_dir.h"
 #include "misc/res_zlog.h"
 #include "mom/res_mom_cap.h"
 #include "mom/res_mom_main.h"
@@ -20,45 +21,41 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
-/* Creates `path` and every missing parent; mkdir errors are ignored, start-up
- * goes on and the pid file open reports what matters. */
-void res_make_dirs(const char *path)
-{
-    size_t len = strlen(path);
-    char *walk = static_cast<char *>(malloc(len + 1));
-    if (!walk)
-        return;
-    memcpy(walk, path, len + 1);
-    for (char *p = walk; *p; ++p) {
-        if (*p != '/')
-            continue;
-        *p = '\0';
-        if (walk[0] != '\0' && access(walk, F_OK) != 0)
-            mkdir(walk, 0777);
-        *p = '/';
-    }
-    free(walk);
-}
+/* Exit status of a start-up refused because the run directory is not safe
+ * (sysexits' EX_CONFIG): restarting cannot help until someone fixes it. */
+constexpr int RES_EXIT_UNSAFE_RUN_DIR = 78;
 
-/* Takes the pid-file lock and writes the pid; the descriptor, or -1 when
- * another instance holds the lock. */
+/* Takes the pid-file lock and writes the pid; the descriptor, -1 when another
+ * instance holds the lock, or RES_EXIT_UNSAFE_RUN_DIR negated when the run
+ * directory cannot be trusted (said in one line on standard error). */
 int res_single_instance(void)
 {
     const char *tmp = getenv("TMPDIR");
     if (!tmp)
         tmp = "/tmp";
     char dir[RES_RUN_DIR_LEN];
-    snprintf(dir, sizeof dir, "%s/stovig/", tmp);
-    if (access(dir, F_OK) != 0)
-        res_make_dirs(dir);
+    int n = snprintf(dir, sizeof dir, "%s/stovig/", tmp);
+    std::string why;
+    int dir_fd = -1;
+    if (n < 0 || static_cast<size_t>(n) >= sizeof dir)
+        why = std::string("run directory ") + tmp + "/stovig/ has a name longer than " +
+              std::to_string(RES_RUN_DIR_LEN - 1) + " characters";
+    else
+        dir_fd = res_run_dir_setup(dir, &why);
+    if (dir_fd < 0) {
+        fprintf(stderr, "qn-stovig: %s; start-up refused.\n", why.c_str());
+        return -RES_EXIT_UNSAFE_RUN_DIR;
+    }
     snprintf(res_run_dir, sizeof res_run_dir, "%s", dir);
+    res_run_dir_fd = dir_fd;
 
-    char pid_path[256];
-    snprintf(pid_path, sizeof pid_path, "%s/stovig%s", tmp, "/.stovig.pid");
-    int fd = open(pid_path, O_RDWR | O_CREAT, 0700);
+    /* Never through a link; a FIFO or anything else than a plain file fails
+     * the truncation below like a held lock does. */
+    int fd = openat(dir_fd, ".stovig.pid", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0700);
     bool failed = fd <= 0; /* a descriptor of 0 counts as failure, as it always has */
     if (!failed) {
         struct flock lock = {};
@@ -66,7 +63,9 @@ int res_single_instance(void)
         lock.l_whence = SEEK_SET;
         lock.l_start = 0;
         lock.l_len = 0;
-        if (fcntl(fd, F_SETLK, &lock) < 0 || ftruncate(fd, 0) < 0) {
+        struct stat st;
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || fcntl(fd, F_SETLK, &lock) < 0 ||
+            ftruncate(fd, 0) < 0) {
             close(fd);
             failed = true;
         }
@@ -75,18 +74,19 @@ int res_single_instance(void)
         printf("Has duplicate instance running.\n");
         return -1;
     }
+    fchmod(fd, 0700);
     char pid[16];
     snprintf(pid, sizeof pid, "%d", static_cast<int>(getpid()));
     size_t left = strlen(pid) + 1;
     const char *p = pid;
     while (left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR)
+        ssize_t w = write(fd, p, left);
+        if (w < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (w <= 0)
             break;
-        p += n;
-        left -= static_cast<size_t>(n);
+        p += w;
+        left -= static_cast<size_t>(w);
     }
     return fd;
 }
@@ -104,6 +104,8 @@ int res_exit(int pid_fd, int status)
 int main(void)
 {
     int pid_fd = res_single_instance();
+    if (pid_fd == -RES_EXIT_UNSAFE_RUN_DIR)
+        return RES_EXIT_UNSAFE_RUN_DIR;
     if (pid_fd < 0)
         return -1;
 

@@ -1,4 +1,5 @@
 #include "cli/res_cli_show.h"
+#include "misc/res_escape.h"
 #include "misc/res_path.h"
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
@@ -8,8 +9,16 @@
 
 #include <unistd.h>
 
+#include <string>
+
 namespace {
 
+/* Names come from other nodes and the device manager: control bytes are shown
+ * escaped so that they cannot move the operator's terminal. */
+std::string shown(const char *name)
+{
+    return res_escape(name);
+}
 
 const char *flag_status(uint32_t flag)
 {
@@ -35,7 +44,7 @@ void show_io(const res_mom_node *node, bool titled, res_cli_printer print)
     const res_list_head *pos;
     for (pos = node->disk_io_list.next; pos != &node->disk_io_list; pos = pos->next) {
         const res_mom_disk_io_node *d = res_list_entry(pos, const res_mom_disk_io_node, list);
-        print(" %-10s  %9.2f   %14.2f    %6.2f%%%12s\n", d->disk_name, d->io_read, d->io_write, d->io_util,
+        print(" %-10s  %9.2f   %14.2f    %6.2f%%%12s\n", shown(d->disk_name).c_str(), d->io_read, d->io_write, d->io_util,
               flag_status(d->io_flag));
     }
     print("\n");
@@ -46,7 +55,7 @@ void show_io(const res_mom_node *node, bool titled, res_cli_printer print)
         for (pos = node->proc_io_list.next; pos != &node->proc_io_list; pos = pos->next) {
             const res_mom_proc_io_node *p = res_list_entry(pos, const res_mom_proc_io_node, list);
             print(" %-5d %11.2f  %14.2f     %16s\n", static_cast<int>(p->proc_id), p->io_read, p->io_write,
-                  p->proc_name);
+                  shown(p->proc_name).c_str());
         }
     }
     print("\n");
@@ -66,7 +75,7 @@ void show_ro(const res_mom_node *node, bool titled, res_cli_printer print)
         for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
             const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
             if (p->ro_visible && p->exist)
-                print(" %-8s     %7s\n", p->part_uname, p->ro_flag > 1 ? "R" : "R/W");
+                print(" %-8s     %7s\n", shown(p->part_uname).c_str(), p->ro_flag > 1 ? "R" : "R/W");
         }
     }
     print("\n");
@@ -89,7 +98,7 @@ void show_capacity(const res_mom_node *node, bool titled, res_cli_printer print)
                 continue;
             /* the ratio in single precision, the percentage in double, as always shown */
             float ratio = static_cast<float>(p->use_vol) / static_cast<float>(p->total_vol);
-            print(" %-8s%11llu    %11llu       %6.2f%%  %10s\n", p->part_uname,
+            print(" %-8s%11llu    %11llu       %6.2f%%  %10s\n", shown(p->part_uname).c_str(),
                   static_cast<unsigned long long>(p->total_vol), static_cast<unsigned long long>(p->use_vol),
                   static_cast<double>(ratio) * 100.0, flag_status(p->vol_flag));
         }
@@ -111,7 +120,7 @@ void show_lifetime(const res_mom_node *node, bool titled, res_cli_printer print)
     } else {
         for (const res_list_head *pos = node->lifetime_list.next; pos != &node->lifetime_list; pos = pos->next) {
             const res_mom_lifetime_node *l = res_list_entry(pos, const res_mom_lifetime_node, list);
-            print("Storage Name:               %s\n", l->disk_name);
+            print("Storage Name:               %s\n", shown(l->disk_name).c_str());
             print(l->left_lifetime == 1 ? "Storage Lifetime Left:      %llu month\n"
                                         : "Storage Lifetime Left:      %llu months\n",
                   static_cast<unsigned long long>(l->left_lifetime));
@@ -142,7 +151,7 @@ int res_cli_show_storage(int32_t item, res_cli_printer print)
         ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
         ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
         print("===============================================\n");
-        print("[%s : %s]\n\n", slot_name, card_name);
+        print("[%s : %s]\n\n", shown(slot_name).c_str(), shown(card_name).c_str());
         if (all || item == RES_SHOW_IO)
             show_io(node, all, print);
         if (all || item == RES_SHOW_RO)

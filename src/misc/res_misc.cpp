@@ -3,6 +3,7 @@
 #include "res_main.h"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +77,71 @@ int res_misc_exec_sh(const char *cmd)
         return -WEXITSTATUS(status);
     }
     RES_ERR("system %s failed, exit status: %d", cmd, (status >> 8) & 0xff);
+    return -1;
+}
+
+int res_misc_exec_argv(const char *const argv[], int out_fd, int err_fd, const char *shown)
+{
+    if (!argv || !argv[0]) {
+        RES_ERR("parameter err.");
+        return -1;
+    }
+    if (!shown)
+        shown = argv[0];
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attr);
+    if (out_fd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+    if (err_fd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
+    /* The child starts with no signal blocked and a broken pipe fatal again,
+     * as a command started from a shell would. */
+    sigset_t none, pipe;
+    sigemptyset(&none);
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &pipe);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    /* The child must be reaped here even when the process ignores SIGCHLD. */
+    struct sigaction dfl = {}, old = {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGCHLD, &dfl, &old);
+    pid_t pid = -1;
+    int err = posix_spawnp(&pid, argv[0], &actions, &attr, const_cast<char *const *>(argv), environ);
+    int status = 0;
+    if (err == 0) {
+        while (waitpid(pid, &status, 0) < 0) {
+            if (errno != EINTR) {
+                status = -1;
+                break;
+            }
+        }
+    }
+    sigaction(SIGCHLD, &old, nullptr);
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+
+    RES_DBG("%s", shown);
+    if (err == ENOENT || err == ENOTDIR)
+        status = 127 << 8; /* what the shell answers for a command it cannot find */
+    else if (err == EACCES || err == ENOEXEC || err == EPERM)
+        status = 126 << 8;
+    else if (err != 0 || status == -1) {
+        RES_ERR("system %s failed, fork failed.", shown);
+        return -1;
+    }
+    if (WIFEXITED(status)) {
+        if (WEXITSTATUS(status) == 0)
+            return 0;
+        RES_ERR("system %s failed, exit status: %d", shown, WEXITSTATUS(status));
+        return -WEXITSTATUS(status);
+    }
+    RES_ERR("system %s failed, exit status: %d", shown, (status >> 8) & 0xff);
     return -1;
 }
 

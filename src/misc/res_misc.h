@@ -11,6 +11,12 @@ int res_misc_add_timer(struct qn_thread *slot, qn_thread_func func, int64_t inte
 int res_misc_reset_timer(struct qn_thread *slot, qn_thread_func func, int64_t interval, const char *name);
 int res_misc_del_timer(struct qn_thread *slot);
 int res_misc_exec_sh(const char *cmd);
+/* Runs an external command from its argument vector, without a shell (found
+ * through PATH when argv[0] has no slash), its standard output and error sent
+ * to out_fd and err_fd when those are not negative.  `shown` is the command as
+ * the debug and error lines show it.  Results as res_misc_exec_sh(), a command
+ * that cannot be run counting as the shell's 127 (126 when not executable). */
+int res_misc_exec_argv(const char *const argv[], int out_fd, int err_fd, const char *shown);
 int res_get_field_form_file(const char *path, char *buf, size_t len);
 
 /* Whether a slot is armed (its scheduled flag). */

@@ -1,12 +1,18 @@
 #include "misc/res_zlog.h"
+#include "misc/res_escape.h"
 #include "misc/res_path.h"
 #include "mom/res_mom_conf.h"
 #include "qn_syslog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 uint32_t res_dbg_level = 0;
 uint32_t res_zlog_level = 0;
@@ -28,11 +34,50 @@ int res_zlog_init(void)
     return 0;
 }
 
+namespace {
+
+/* Opens a debug-level file for reading when it can be trusted: a regular
+ * file (never through a symbolic link), owned by root or by this process's
+ * user, and writable by nobody else.  Anyone can create files under /tmp, and
+ * a planted level would flood syslog.  Null when missing or refused; a
+ * refusal is logged. */
+FILE *res_debug_level_open(const char *name)
+{
+    std::string path = res_host_path(name);
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ELOOP)
+            RES_ERR("ignore debug level file %s: it is a symbolic link.", name);
+        return nullptr;
+    }
+    struct stat st;
+    const char *why = nullptr;
+    if (fstat(fd, &st) != 0)
+        why = "cannot be examined";
+    else if (!S_ISREG(st.st_mode))
+        why = "not a regular file";
+    else if (st.st_uid != 0 && st.st_uid != geteuid())
+        why = "not owned by root";
+    else if (st.st_mode & (S_IWGRP | S_IWOTH))
+        why = "writable by group or others";
+    if (why) {
+        RES_ERR("ignore debug level file %s: %s.", name, why);
+        close(fd);
+        return nullptr;
+    }
+    FILE *f = fdopen(fd, "r");
+    if (!f)
+        close(fd);
+    return f;
+}
+
+} // namespace
+
 int res_debug_level_init(void)
 {
-    FILE *f = fopen(res_host_path(RES_DEBUG_LEVEL_FILE).c_str(), "r");
+    FILE *f = res_debug_level_open(RES_DEBUG_LEVEL_FILE);
     if (!f)
-        f = fopen(res_host_path(RES_DEBUG_LEVEL_FILE_DATA).c_str(), "r");
+        f = res_debug_level_open(RES_DEBUG_LEVEL_FILE_DATA);
     if (!f) {
         res_dbg_level = 0;
         return 0;
@@ -78,18 +123,31 @@ void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, con
     va_start(ap, fmt);
     vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
+    /* Arguments may carry text from the bus or the host: control bytes are
+     * escaped so that one call stays one line. */
+    std::string escaped;
+    const char *text = buf;
+    if (res_escape_wanted(buf)) {
+        escaped = res_escape_keep_final_newline(buf);
+        text = escaped.c_str();
+    }
     if (to_syslog) {
         if (res_zlog_role && *res_zlog_role != 0)
-            printk_syslog_ext(7, "STOVIG", "DEBUG", 1, "[<%s>:<%d>] %s", func, line, buf);
+            printk_syslog_ext(7, "STOVIG", "DEBUG", 1, "[<%s>:<%d>] %s", func, line, text);
         else
-            printk_syslog_lc(7, "STOVIG", "DEBUG", "[<%s>:<%d>] %s", func, line, buf);
+            printk_syslog_lc(7, "STOVIG", "DEBUG", "[<%s>:<%d>] %s", func, line, text);
     }
     if (to_zlog)
-        qndf_zlog(res_zlog_handle, file, strlen(file), func, strlen(func), line, zlevel, "%s", buf);
+        qndf_zlog(res_zlog_handle, file, strlen(file), func, strlen(func), line, zlevel, "%s", text);
 }
 
 void res_event_line(const char *file, const char *task, int line, const char *text)
 {
-    if (res_zlog_handle)
-        qndf_zlog(res_zlog_handle, file, strlen(file), task, strlen(task), line, QN_ZLOG_LEVEL_EVENT, "%s", text);
+    if (!res_zlog_handle || !text)
+        return;
+    /* Names in event lines come from other nodes: a newline or an escape
+     * sequence in them must not forge a line or reach a terminal raw. */
+    std::string escaped = res_escape(text);
+    qndf_zlog(res_zlog_handle, file, strlen(file), task, strlen(task), line, QN_ZLOG_LEVEL_EVENT, "%s",
+              escaped.c_str());
 }

@@ -4,6 +4,7 @@
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_data.h"
+#include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_io_top_info.h"
@@ -203,7 +204,7 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
                     res_mom_io_event("returned to normal", node_name, e);
                 }
             } else {
-                d->io_flag = static_cast<uint32_t>(n);
+                d->io_flag = res_sat_u32_from_double(n);
                 if (n == 2)
                     res_mom_io_event("usage", node_name, e);
                 else if (n == 1)
@@ -353,6 +354,17 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
     return nullptr;
 }
 
+/* The number held by an enum field of a decoded record: protobuf-c stores
+ * whatever int32 came, and loading a value outside the enumeration as the
+ * enum type is undefined behaviour. */
+template <typename E> int32_t res_mom_enum_value(const E &field)
+{
+    static_assert(sizeof(E) == sizeof(int32_t), "protobuf-c enums are int-sized");
+    int32_t v;
+    memcpy(&v, &field, sizeof v);
+    return v;
+}
+
 } // namespace
 
 int res_mom_save_upgrade_flag(int event, void *value)
@@ -365,8 +377,9 @@ int res_mom_save_upgrade_flag(int event, void *value)
         RES_ERR("get role from TUNNER_DB value is NULL.");
         return 0;
     }
-    RES_DBG("upgrade flag : %d", static_cast<int>(rec->status));
-    if (rec->status != P_UTILS__UPGRADE_STATUS_E__G_STATUS_INIT) {
+    const int32_t status = res_mom_enum_value(rec->status);
+    RES_DBG("upgrade flag : %d", status);
+    if (status != P_UTILS__UPGRADE_STATUS_E__G_STATUS_INIT) {
         RES_DBG("it is upgrading now");
         res_mom_upgrade_flag |= RES_MOM_GATE_UPGRADE;
     } else {
@@ -385,8 +398,9 @@ int res_mom_save_issu_flag(int event, void *value)
         RES_ERR("get role from TUNNER_DB value is NULL.");
         return 0;
     }
-    RES_DBG("issu upgrade flag : %d", static_cast<int>(rec->state));
-    if (rec->state != P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_INIT) {
+    const int32_t state = res_mom_enum_value(rec->state);
+    RES_DBG("issu upgrade flag : %d", state);
+    if (state != P_UTILS__ISSU_N_GLOBAL_STATE_E__ISSU_N_GLOBAL_STATE_INIT) {
         RES_DBG("it is issu upgrading now");
         res_mom_upgrade_flag |= RES_MOM_GATE_ISSU;
     } else {

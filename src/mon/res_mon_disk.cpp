@@ -3,13 +3,17 @@
 
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_run_dir.h"
+#include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_main.h"
 #include "res_main.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -51,10 +55,12 @@ uint64_t res_ssd_budget(uint64_t capacity)
  * and returned cut.  False at end of file. */
 bool res_disk_read_line(FILE *fp, char *buf, size_t len)
 {
+    /* Cleared first so that a newline found below is this line's, even when
+     * the line holds a NUL byte. */
+    memset(buf, 0, len);
     if (!fgets(buf, static_cast<int>(len), fp))
         return false;
-    size_t n = strlen(buf);
-    if (n > 0 && buf[n - 1] != '\n' && !feof(fp)) {
+    if (!memchr(buf, '\n', len - 1)) {
         int c;
         while ((c = fgetc(fp)) != EOF && c != '\n') {
         }
@@ -86,6 +92,23 @@ bool res_word(const char *line, int n, char *out, size_t len)
     }
 }
 
+/* Mode of the work files in the run directory. */
+constexpr mode_t RES_WORK_FILE_MODE = 0600;
+
+/* A stream reading from the start of a work file that a command has just
+ * written through `fd` (taken over); null when it cannot be had. */
+FILE *res_work_file_rewind(int fd)
+{
+    if (lseek(fd, 0, SEEK_SET) != 0) {
+        close(fd);
+        return nullptr;
+    }
+    FILE *fp = fdopen(fd, "r");
+    if (!fp)
+        close(fd);
+    return fp;
+}
+
 } // namespace
 
 int res_dev_path_safe(const char *path)
@@ -102,44 +125,38 @@ int res_dev_path_safe(const char *path)
     return 1;
 }
 
+unsigned long res_uptime_seconds(const char *text)
+{
+    char field[128] = {0};
+    if (!text || sscanf(text, "%127s", field) != 1)
+        return 0;
+    return strtoul(field, nullptr, 0);
+}
+
+uint32_t res_uptime_months(unsigned long secs)
+{
+    /* A count of seconds too large for the months to fit in 32 bits reads
+     * as the largest count. */
+    uint32_t months = res_sat_u32(secs / 2592000UL);
+    return months == 0 ? 1 : months;
+}
+
 uint32_t res_get_uptime(void)
 {
     char buf[128];
     memset(buf, 0, sizeof buf);
     /* One byte short of the buffer so that the text always ends in a NUL. */
     res_get_field_form_file(res_host_path(RES_POWER_ON_FILE).c_str(), buf, sizeof buf - 1);
-    char field[128] = {0};
-    unsigned long secs = 0;
-    if (sscanf(buf, "%127s", field) == 1)
-        secs = strtoul(field, nullptr, 0);
+    unsigned long secs = res_uptime_seconds(buf);
     RES_DBG("uptime: %lu", secs);
-    uint32_t months = static_cast<uint32_t>(secs / 2592000UL);
-    return months == 0 ? 1 : months;
+    return res_uptime_months(secs);
 }
 
-int res_get_emmc_abrasion(void)
+int res_emmc_wear_from_dump(FILE *fp)
 {
-    char cmd[128];
-    std::string debugfs = res_host_path(RES_DEBUGFS_PATH);
-    int n = snprintf(cmd, sizeof cmd, "cat %s/mmc0/mmc0\\:0001/ext_csd > %s%s", debugfs.c_str(), res_run_dir,
-                     RES_EMMC_CSD_FILE);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd)
-        RES_ERR("ext_csd dump command too long.");
-    else
-        res_misc_exec_sh(cmd);
-    usleep(50 * 1000);
-
-    char path[256];
-    snprintf(path, sizeof path, "%s%s", res_run_dir, RES_EMMC_CSD_FILE);
-    FILE *fp = fopen(path, "r");
-    if (!fp) {
-        RES_ERR("this dev is not support life time monitor\n");
-        return RES_EMMC_NOT_SUPPORT;
-    }
     char line[1025] = {0};
-    if (!fgets(line, sizeof line, fp))
+    if (!fp || !fgets(line, sizeof line, fp))
         line[0] = '\0';
-    fclose(fp);
 
     unsigned typ_a = 0, typ_b = 0;
     size_t len = strcspn(line, "\r\n");
@@ -172,6 +189,46 @@ int res_get_emmc_abrasion(void)
     return 0;
 }
 
+int32_t res_emmc_left_life(int wear, int32_t months)
+{
+    if (wear > 99 || wear <= 0)
+        return 0;
+    /* Computed wide and saturated: a huge power-on time gives the largest
+     * count instead of an overflow. */
+    return res_sat_i32(static_cast<int64_t>(100 / wear - 1) * months);
+}
+
+int res_get_emmc_abrasion(void)
+{
+    char cmd[128];
+    std::string debugfs = res_host_path(RES_DEBUGFS_PATH);
+    int n = snprintf(cmd, sizeof cmd, "cat %s/mmc0/mmc0\\:0001/ext_csd > %s%s", debugfs.c_str(), res_run_dir,
+                     RES_EMMC_CSD_FILE);
+    int fd = -1;
+    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd) {
+        RES_ERR("ext_csd dump command too long.");
+    } else {
+        /* The dump goes into a work file made afresh in the run directory;
+         * the command gets it as its output, no shell takes part. */
+        fd = res_run_file_create(RES_EMMC_CSD_FILE, RES_WORK_FILE_MODE);
+        if (fd >= 0) {
+            std::string source = debugfs + "/mmc0/mmc0:0001/ext_csd";
+            const char *argv[] = {"cat", source.c_str(), nullptr};
+            res_misc_exec_argv(argv, fd, -1, cmd);
+        }
+    }
+    usleep(50 * 1000);
+
+    FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
+    if (!fp) {
+        RES_ERR("this dev is not support life time monitor\n");
+        return RES_EMMC_NOT_SUPPORT;
+    }
+    int wear = res_emmc_wear_from_dump(fp);
+    fclose(fp);
+    return wear;
+}
+
 int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
 {
     (void)thread;
@@ -180,18 +237,11 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
         RES_ERR("this device is not support life time monitor\n");
         return res_mon_reset_disk_intr(RES_MON_CLOSED, res_disk_type);
     }
-    int months = static_cast<int>(res_get_uptime());
+    int32_t months = res_sat_i32(res_get_uptime());
     RES_DBG("abrasion:%d persent, used_life_time:%d month", wear, months);
 
-    int left;
-    int candidate;
-    if (wear > 99) {
-        left = 0;
-        candidate = 2;
-    } else {
-        left = wear == 0 ? 0 : (100 / wear - 1) * months;
-        candidate = 0;
-    }
+    int32_t left = res_emmc_left_life(wear, months);
+    int candidate = wear > 99 ? 2 : 0;
     RES_DBG("emmc left life time: %d", left);
     int warning = disk_threshold < left ? candidate : 2;
 
@@ -218,9 +268,20 @@ void res_get_dev_name(void)
     std::string listing = res_host_path(RES_DISK_LISTING_FILE);
     char cmd[256];
     int n = snprintf(cmd, sizeof cmd, "fdisk -l > %s", listing.c_str());
-    if (n > 0 && static_cast<size_t>(n) < sizeof cmd)
-        res_misc_exec_sh(cmd);
-    FILE *fp = fopen(listing.c_str(), "r");
+    /* The listing lives in a directory anyone may write to: whatever has its
+     * name is replaced by a file of our own, never followed. */
+    size_t slash = listing.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : listing.substr(0, slash);
+    std::string base = slash == std::string::npos ? listing : listing.substr(slash + 1);
+    int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = dir_fd >= 0 ? res_file_create_fresh(dir_fd, base.c_str(), 0644) : -1;
+    if (dir_fd >= 0)
+        close(dir_fd);
+    if (fd >= 0 && n > 0 && static_cast<size_t>(n) < sizeof cmd) {
+        const char *argv[] = {"fdisk", "-l", nullptr};
+        res_misc_exec_argv(argv, fd, -1, cmd);
+    }
+    FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
     if (!fp) {
         RES_ERR("fopen %s fail", RES_DISK_LISTING_FILE);
         return;
@@ -231,8 +292,7 @@ void res_get_dev_name(void)
             continue;
         char dev[RES_DEV_PATH_LEN] = {0};
         if (sscanf(line, "%*s%127[^:]", dev) == 1) {
-            /* Only a plain device path may reach the SMART tool's shell
-             * command line. */
+            /* Only a plain device path is handed to the SMART tool. */
             const char *p = dev;
             while (*p == ' ' || *p == '\t')
                 ++p;
@@ -248,25 +308,8 @@ void res_get_dev_name(void)
     fclose(fp);
 }
 
-void res_parse_smart(void)
+void res_parse_smart_report(FILE *fp)
 {
-    char out[256];
-    snprintf(out, sizeof out, "%s%s", res_run_dir, RES_DISK_LIFETIME_FILE);
-    std::string tool = res_host_path(RES_SMARTCTL_PATH);
-    char cmd[128];
-    const char *dev = res_dev_path_safe(res_ssd_dev_path) ? res_ssd_dev_path : "";
-    int n = snprintf(cmd, sizeof cmd, "%s --all %s > %s", tool.c_str(), dev, out);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd)
-        RES_ERR("smart command too long.");
-    else
-        res_misc_exec_sh(cmd);
-    usleep(50 * 1000);
-
-    FILE *fp = fopen(out, "r");
-    if (!fp) {
-        RES_ERR("fopen %s fail", out);
-        return;
-    }
     char line[128];
     char word[128];
     while (res_disk_read_line(fp, line, sizeof line)) {
@@ -298,7 +341,80 @@ void res_parse_smart(void)
                     static_cast<unsigned long>(res_ssd_smart.media_wearout_indicator));
         }
     }
+}
+
+void res_parse_smart(void)
+{
+    char out[256];
+    snprintf(out, sizeof out, "%s%s", res_run_dir, RES_DISK_LIFETIME_FILE);
+    std::string tool = res_host_path(RES_SMARTCTL_PATH);
+    char cmd[128];
+    const char *dev = res_dev_path_safe(res_ssd_dev_path) ? res_ssd_dev_path : "";
+    int n = snprintf(cmd, sizeof cmd, "%s --all %s > %s", tool.c_str(), dev, out);
+    int fd = -1;
+    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd) {
+        RES_ERR("smart command too long.");
+    } else {
+        fd = res_run_file_create(RES_DISK_LIFETIME_FILE, RES_WORK_FILE_MODE);
+        if (fd >= 0) {
+            /* An unknown device is left out, as the shell dropped the empty
+             * word. */
+            const char *argv[] = {tool.c_str(), "--all", *dev ? dev : nullptr, nullptr};
+            res_misc_exec_argv(argv, fd, -1, cmd);
+        }
+    }
+    usleep(50 * 1000);
+
+    FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
+    if (!fp) {
+        RES_ERR("fopen %s fail", out);
+        return;
+    }
+    res_parse_smart_report(fp);
     fclose(fp);
+}
+
+int32_t res_ssd_used_percent(int32_t life_left)
+{
+    return res_sat_i32(100 - static_cast<int64_t>(life_left));
+}
+
+void res_ssd_lifetime_update(void)
+{
+    const struct res_ssd_smart_info *s = &res_ssd_smart;
+    if (s->sector_size == 0 || s->capacity == 0 || s->media_wearout_indicator == 0) {
+        RES_ERR("smart info is illegal");
+        return;
+    }
+    uint32_t months;
+    if (s->power_on_hours == 0)
+        months = res_get_uptime();
+    else
+        months = static_cast<uint32_t>(s->power_on_hours / 720);
+
+    uint64_t sectors = s->sector_size ? (s->capacity << 30) / static_cast<uint64_t>(s->sector_size) : 0;
+    uint64_t divisor = (s->capacity % (1ULL << 34)) * 1024;
+    uint64_t single_sector_erase_count = divisor ? res_ssd_budget(s->capacity) / divisor : 0;
+    uint64_t total_erase_count = sectors * single_sector_erase_count;
+    RES_DBG("single_sector_erase_count :%llu", static_cast<unsigned long long>(single_sector_erase_count));
+    RES_DBG("total_erase_count :%llu", static_cast<unsigned long long>(total_erase_count));
+
+    int32_t ratio;
+    if (s->ssd_life_left == 0) {
+        ratio = static_cast<int32_t>(
+            static_cast<uint32_t>((total_erase_count - s->media_wearout_indicator) / s->media_wearout_indicator));
+    } else {
+        int32_t used = res_ssd_used_percent(s->ssd_life_left);
+        ratio = (used == 0 ? 0 : 100 / used) - 1;
+    }
+    int32_t left = static_cast<int32_t>(static_cast<uint32_t>(ratio) * months);
+    int32_t flag = static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? 2 : 0;
+
+    struct res_disk_info_t *d = &res_disk_info[0];
+    snprintf(d->name, sizeof d->name, "%.31s", s->model);
+    d->disk_used_time = static_cast<int32_t>(months);
+    d->left_life = left;
+    d->flag = flag;
 }
 
 int res_mon_ssd_disk_timer_func(struct qn_thread *thread)
@@ -316,41 +432,7 @@ int res_mon_ssd_disk_timer_func(struct qn_thread *thread)
 
     res_get_dev_name();
     res_parse_smart();
-
-    const struct res_ssd_smart_info *s = &res_ssd_smart;
-    if (s->sector_size == 0 || s->capacity == 0 || s->media_wearout_indicator == 0) {
-        RES_ERR("smart info is illegal");
-    } else {
-        uint32_t months;
-        if (s->power_on_hours == 0)
-            months = res_get_uptime();
-        else
-            months = static_cast<uint32_t>(s->power_on_hours / 720);
-
-        uint64_t sectors = s->sector_size ? (s->capacity << 30) / static_cast<uint64_t>(s->sector_size) : 0;
-        uint64_t divisor = (s->capacity % (1ULL << 34)) * 1024;
-        uint64_t single_sector_erase_count = divisor ? res_ssd_budget(s->capacity) / divisor : 0;
-        uint64_t total_erase_count = sectors * single_sector_erase_count;
-        RES_DBG("single_sector_erase_count :%llu", static_cast<unsigned long long>(single_sector_erase_count));
-        RES_DBG("total_erase_count :%llu", static_cast<unsigned long long>(total_erase_count));
-
-        int32_t ratio;
-        if (s->ssd_life_left == 0) {
-            ratio = static_cast<int32_t>(static_cast<uint32_t>((total_erase_count - s->media_wearout_indicator) /
-                                                               s->media_wearout_indicator));
-        } else {
-            int32_t used = 100 - s->ssd_life_left;
-            ratio = (used == 0 ? 0 : 100 / used) - 1;
-        }
-        int32_t left = static_cast<int32_t>(static_cast<uint32_t>(ratio) * months);
-        int32_t flag = static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? 2 : 0;
-
-        struct res_disk_info_t *d = &res_disk_info[0];
-        snprintf(d->name, sizeof d->name, "%.31s", s->model);
-        d->disk_used_time = static_cast<int32_t>(months);
-        d->left_life = left;
-        d->flag = flag;
-    }
+    res_ssd_lifetime_update();
 
     res_mom_disk_send(RES_DISK_INFO_NUM);
     int ret = res_misc_add_timer(&res_mon_disk_thread, res_mon_ssd_disk_timer_func, disk_interval,

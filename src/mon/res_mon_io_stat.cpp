@@ -22,20 +22,19 @@ uint32_t io_warn_count = 0;
 
 namespace {
 
-/* Reads one line into buf; a line longer than the buffer is consumed whole
- * and reported as too long so that its tail is never taken for a line of its
- * own.  False at end of file. */
-bool res_read_line(FILE *fp, char *buf, size_t len, bool *too_long)
+/* Reads one line into buf, as fgets() would: a line longer than the buffer
+ * gives its first len - 1 characters, and the rest of it is passed over so
+ * that its tail is never taken for a line of its own.  False at end of
+ * file. */
+bool res_read_line(FILE *fp, char *buf, size_t len)
 {
-    *too_long = false;
+    /* Cleared first so that a newline found below is this line's, even when
+     * the line holds a NUL byte. */
+    memset(buf, 0, len);
     if (!fgets(buf, static_cast<int>(len), fp))
         return false;
-    size_t n = strlen(buf);
-    if (n > 0 && buf[n - 1] == '\n')
+    if (memchr(buf, '\n', len - 1))
         return true;
-    if (feof(fp))
-        return true;
-    *too_long = true;
     int c;
     while ((c = fgetc(fp)) != EOF && c != '\n') {
     }
@@ -127,10 +126,7 @@ int res_mon_io_stat_scan(void)
     }
 
     char line[256];
-    bool too_long;
-    while (res_read_line(fp, line, sizeof line, &too_long)) {
-        if (too_long)
-            continue;
+    while (res_read_line(fp, line, sizeof line)) {
         unsigned major = 0, minor = 0;
         char name[256] = {0};
         struct io_sample s = {};

@@ -9,7 +9,9 @@
 #include "mon/res_mon_part.h"
 #include "res_main.h"
 
+#include <fcntl.h>
 #include <mntent.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -65,6 +67,17 @@ int res_unmont_residual(void)
     return 0;
 }
 
+/* Runs a mount-table command with its output and errors discarded, as the
+ * shell line `shown` (which the log shows) would. */
+int res_mon_mount_cmd(const char *const argv[], const char *shown)
+{
+    int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    int ret = res_misc_exec_argv(argv, null_fd, null_fd, shown);
+    if (null_fd >= 0)
+        close(null_fd);
+    return ret;
+}
+
 /* Mounts one clean debugfs instance after clearing stale layers. */
 void res_exec_emmc_cmd(void)
 {
@@ -72,23 +85,26 @@ void res_exec_emmc_cmd(void)
         RES_ERR("res_unmont_residual fail.\n");
         return;
     }
+    std::string target = res_host_path(RES_DEBUGFS_PATH);
     char cmd[256];
-    int n = snprintf(cmd, sizeof cmd, "mount -t debugfs none %s > /dev/null 2>&1",
-                     res_host_path(RES_DEBUGFS_PATH).c_str());
+    int n = snprintf(cmd, sizeof cmd, "mount -t debugfs none %s > /dev/null 2>&1", target.c_str());
     if (n < 0 || static_cast<size_t>(n) >= sizeof cmd) {
         RES_ERR("debugfs mount command too long.");
         return;
     }
-    res_misc_exec_sh(cmd);
+    const char *argv[] = {"mount", "-t", "debugfs", "none", target.c_str(), nullptr};
+    res_mon_mount_cmd(argv, cmd);
 }
 
 } // namespace
 
 int res_unmount_rootfs(void)
 {
+    std::string target = res_host_path(RES_DEBUGFS_PATH);
     char cmd[256];
-    int n = snprintf(cmd, sizeof cmd, "umount %s > /dev/null 2>&1", res_host_path(RES_DEBUGFS_PATH).c_str());
-    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd || res_misc_exec_sh(cmd) != 0) {
+    int n = snprintf(cmd, sizeof cmd, "umount %s > /dev/null 2>&1", target.c_str());
+    const char *argv[] = {"umount", target.c_str(), nullptr};
+    if (n < 0 || static_cast<size_t>(n) >= sizeof cmd || res_mon_mount_cmd(argv, cmd) != 0) {
         RES_ERR("mount rootfs faild\n");
         return -1;
     }

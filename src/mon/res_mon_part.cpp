@@ -8,6 +8,7 @@
 #include "mon/res_mon_main.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
@@ -20,6 +21,33 @@ struct res_part_info res_part_table[RES_PART_NUM];
 uint64_t last_mount_scan = 0;
 
 namespace {
+
+/* Entries whose probe file was found to be a link or not a plain file, so
+ * that this is logged once and not at every pass. */
+bool res_probe_refused[RES_PART_NUM];
+
+/* Opens the probe file of an entry: the descriptor of a plain file, or -1
+ * with errno.  Watched mount points (removable media, /tmp) may be writable
+ * by anyone, so a link planted under the probe's name is never followed and
+ * anything but a plain file is not used: both fail with ELOOP. */
+int res_mon_probe_open(const char *path)
+{
+    int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0755);
+    struct stat st;
+    if (fd < 0) {
+        /* In a sticky directory the kernel answers EACCES rather than ELOOP
+         * for another user's link: look at what is there. */
+        int err = errno;
+        errno = err != EROFS && lstat(path, &st) == 0 && S_ISLNK(st.st_mode) ? ELOOP : err;
+        return -1;
+    }
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        errno = ELOOP;
+        return -1;
+    }
+    return fd;
+}
 
 /* Copies the next whitespace-separated field of *cur into out (at most 31
  * characters; the rest of a longer field is passed over); false when the
@@ -70,6 +98,7 @@ int res_mon_part_init(void)
 {
     last_mount_scan = 0;
     memset(res_part_table, 0, sizeof res_part_table);
+    memset(res_probe_refused, 0, sizeof res_probe_refused);
     res_mon_part_set(0, "/data2", "flash2", 1);
     res_mon_part_set(1, "/data", "flash", 1);
     res_mon_part_set(2, "/mnt/sata0", "sata0", 1);
@@ -188,12 +217,18 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
             continue;
         char probe[128];
         snprintf(probe, sizeof probe, "%.*s" RES_PROBE_FILE, RES_PART_STR_LEN - 1, p->path);
-        int fd = open(res_host_path(probe).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0755);
+        int fd = res_mon_probe_open(res_host_path(probe).c_str());
         int err = errno;
         RES_VERBOSE("open %s with ret[%d] and errno[%d]", probe, fd, err);
         if (fd >= 0) {
             close(fd);
             p->ro_state = p->ro_state == 2 ? 1 : 0;
+            res_probe_refused[i] = false;
+        } else if (err == ELOOP) {
+            /* Could not probe: the state stays as it was. */
+            if (!res_probe_refused[i])
+                RES_ERR("probe file %s is a symbolic link or not a regular file, not probed.", probe);
+            res_probe_refused[i] = true;
         } else if (err == EROFS) {
             p->ro_state = 2;
         }

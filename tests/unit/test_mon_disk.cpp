@@ -3,6 +3,8 @@
 #include "mon/res_mon_main.h"
 #include "test_mon_fixture.h"
 
+#include <sys/stat.h>
+
 namespace {
 
 class MonDisk : public MonFixture {
@@ -388,13 +390,55 @@ TEST_F(MonDiskSsd, ListingWithoutDiskLineOrUnreadableGivesEmptyPath)
 TEST_F(MonDiskSsd, ListingUnreadableIsReported)
 {
     report(cap32, attr(233, "Media_Wearout_Indicator", "5"));
-    /* The listing file's name leads nowhere: the redirection and the open
-     * both fail. */
-    mkdirs("/tmp");
-    ASSERT_EQ(0, symlink("/nonexistent-dir/listing", (root + "/tmp/.disk_info").c_str()));
+    /* No directory for the listing: it can be neither written nor read. */
+    ASSERT_EQ(0, std::system(("rm -rf '" + root + "/tmp'").c_str()));
     res_mon_ssd_disk_timer_func(&res_mon_disk_thread);
     EXPECT_TRUE(logged("fopen /tmp/.disk_info fail"));
     EXPECT_STREQ("", res_ssd_dev_path);
+}
+
+TEST_F(MonDiskSsd, LinkPlantedAsTheListingIsReplacedNotFollowed)
+{
+    report(cap32, attr(233, "Media_Wearout_Indicator", "5"));
+    mkdirs("/victim");
+    put("/victim/file", "precious\n");
+    ASSERT_EQ(0, symlink((root + "/victim/file").c_str(), (root + "/tmp/.disk_info").c_str()));
+    ASSERT_EQ(0, symlink((root + "/victim/new").c_str(), (root + "/run/.disk_lifetime").c_str()));
+    res_mon_ssd_disk_timer_func(&res_mon_disk_thread);
+    EXPECT_EQ("precious\n", read("/victim/file"));
+    EXPECT_NE(0, access((root + "/victim/new").c_str(), F_OK));
+    struct stat st;
+    ASSERT_EQ(0, lstat((root + "/tmp/.disk_info").c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(0644u, st.st_mode & 07777);
+    ASSERT_EQ(0, lstat((root + "/run/.disk_lifetime").c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    EXPECT_STREQ("/dev/sda", res_ssd_dev_path);
+    EXPECT_EQ("--all /dev/sda\n", read("/smart_args"));
+    EXPECT_EQ(5u, res_ssd_smart.media_wearout_indicator);
+}
+
+TEST_F(MonDiskSsd, ShellCharactersInPathsAreNeverRun)
+{
+    /* The fixture prefix reaches the commands as plain arguments. */
+    std::string odd = root + "/x$(touch PWNED);y z";
+    ASSERT_EQ(0, mkdir(odd.c_str(), 0755));
+    std::string saved_root = root;
+    root = odd;
+    mkdirs("/tmp");
+    mkdirs("/run");
+    mkdirs("/sbin");
+    script("/sbin/smartctl", "echo \"$*\" > '" + saved_root + "/smart_args'\ncat '" + saved_root + "/smart_report'\n");
+    setenv("STOVIG_ROOT", odd.c_str(), 1);
+    snprintf(res_run_dir, sizeof res_run_dir, "%s/run/", odd.c_str());
+    root = saved_root;
+    report(cap32, attr(9, "Power_On_Hours", "1440") + attr(233, "Media_Wearout_Indicator", "5"));
+    res_mon_ssd_disk_timer_func(&res_mon_disk_thread);
+    EXPECT_EQ("--all /dev/sda\n", read("/smart_args"));
+    EXPECT_EQ(5u, res_ssd_smart.media_wearout_indicator);
+    EXPECT_NE(0, access("PWNED", F_OK));
+    EXPECT_NE(0, access((root + "/PWNED").c_str(), F_OK));
 }
 
 TEST_F(MonDiskSsd, ShellTextInTheListingNeverReachesTheShell)
