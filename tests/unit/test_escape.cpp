@@ -151,17 +151,22 @@ TEST_F(EscapedLines, EventLineIsOneLineWithVisibleEscapes)
 {
     res_event_line("mom/res_mom_part.cpp", "res_part_ro_warning_task", 1,
                    "slot3 Partition usb0\nslot9 Partition fake is readonly.\x1b]2;pwned\x07 is readonly.");
-    std::string text = all_lines();
-    EXPECT_EQ(1, count_lines_with(text, " EVENT "));
-    EXPECT_EQ(1, count_lines_with(text, "res_part_ro_warning_task: slot3 Partition usb0\\x0aslot9 Partition fake "
-                                        "is readonly.\\x1b]2;pwned\\x07 is readonly."));
-    EXPECT_FALSE(has_control_byte(text, true));
+    /* One line in the event log, and the log library's one copy in the
+     * system log. */
+    const std::string escaped = "res_part_ro_warning_task: slot3 Partition usb0\\x0aslot9 Partition fake "
+                                "is readonly.\\x1b]2;pwned\\x07 is readonly.";
+    std::string events = slurp(dir + "/events.log");
+    EXPECT_EQ(1, count_lines_with(events, " EVENT "));
+    EXPECT_EQ(1, count_lines_with(events, escaped));
+    EXPECT_EQ(1, count_lines_with(slurp(dir + "/syslog.log"), escaped));
+    EXPECT_FALSE(has_control_byte(all_lines(), true));
 }
 
 TEST_F(EscapedLines, PrintableEventLineIsUnchanged)
 {
     res_event_line("mom/res_mom_part.cpp", "res_part_ro_warning_task", 1, "slot3 Partition usb0 is readonly.");
-    EXPECT_EQ(1, count_lines_with(all_lines(), "res_part_ro_warning_task: slot3 Partition usb0 is readonly."));
+    EXPECT_EQ(1, count_lines_with(slurp(dir + "/events.log"),
+                                  "res_part_ro_warning_task: slot3 Partition usb0 is readonly."));
 }
 
 std::string printed;
