@@ -11,4 +11,4 @@ $SUDO apt-get install -y -q --no-install-recommends \
   libprotobuf-c-dev protobuf-c-compiler libhiredis-dev libedit-dev \
   libgtest-dev libgmock-dev libbenchmark-dev \
   redis-server sysstat iotop-c e2fsprogs util-linux fdisk procps \
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev systemd

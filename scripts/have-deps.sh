@@ -7,8 +7,8 @@ missing() {
     echo "missing: $1" >&2
     exit 1
 }
-for tool in cmake make g++ pkg-config python3 protoc-c redis-server iostat iotop-c mkfs.ext4 mount unshare nsenter \
-    fdisk; do
+for tool in cmake make g++ clang clang++ pkg-config python3 protoc-c redis-server iostat iotop-c mkfs.ext4 mount \
+    unshare nsenter fdisk systemd-analyze; do
     command -v "$tool" >/dev/null 2>&1 || missing "$tool"
 done
 for lib in libevent libsystemd inih libprotobuf-c hiredis libedit; do
@@ -17,4 +17,6 @@ done
 for header in spdlog/spdlog.h gtest/gtest.h gmock/gmock.h benchmark/benchmark.h; do
     [ -f "/usr/include/$header" ] || [ -f "/usr/local/include/$header" ] || missing "header $header"
 done
+# libFuzzer's runtime, for the fuzz harnesses' clang build.
+ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a >/dev/null 2>&1 || missing "libFuzzer runtime (libclang-rt-dev)"
 exit 0
