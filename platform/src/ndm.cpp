@@ -49,11 +49,12 @@ void take_card(const PDev__CardInfo *c)
     cache.cards[c->index->t_mod] = k;
 }
 
-/* The end of the first card scan: with no card on the bus, nothing plays
- * the device manager yet, and a master would list only itself; say so once. */
+/* The end of the first card scan on a shared bus: with no card on it,
+ * nothing plays the device manager yet, and a master would list only itself;
+ * say so once.  A stand-alone box on the embedded bus has no inventory. */
 void check_inventory(const qn_mom_reply_t *r)
 {
-    if (r->error || cache.told_no_cards)
+    if (r->error || cache.told_no_cards || cfg().bus_url.empty())
         return;
     cache.told_no_cards = true;
     if (cache.cards.empty())
