@@ -88,7 +88,10 @@ int on_role(void *, qn_mom_reply_t *r)
     auto *g = reinterpret_cast<const PDev__DpLibGrole *>(r->res->value);
     if (g) {
         cache.have_role = true;
-        cache.role = g->my_grole;
+        /* Read as the number it holds: a value outside the enumeration
+         * (whatever a writer put on the bus) is not a valid enum load. */
+        static_assert(sizeof g->my_grole == sizeof cache.role, "protobuf-c enums are int-sized");
+        memcpy(&cache.role, &g->my_grole, sizeof cache.role);
     }
     return 0;
 }

@@ -4,6 +4,7 @@
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_disk.h"
+#include "mom/res_mom_enum.h"
 #include "mom/res_mom_part.h"
 #include "misc/res_zlog.h"
 
@@ -188,10 +189,11 @@ int res_mom_sub_role_cb(void *, qn_mom_reply_t *reply)
             RES_WARN("get role from QN_TUNNER_DB value is NULL.");
             return 0;
         }
-        RES_DBG("get role[%d].", role->my_grole);
+        const int32_t my_grole = res_mom_enum_value(role->my_grole);
+        RES_DBG("get role[%d].", my_grole);
         int32_t old = res_local_node.role;
-        res_local_node.role = role->my_grole;
-        if (role->my_grole == P_DEV__DM_ROLE_E__DM_ROLE_MASTER && old != P_DEV__DM_ROLE_E__DM_ROLE_MASTER)
+        res_local_node.role = my_grole;
+        if (my_grole == P_DEV__DM_ROLE_E__DM_ROLE_MASTER && old != P_DEV__DM_ROLE_E__DM_ROLE_MASTER)
             res_mom_master_handle();
         return 0;
     }

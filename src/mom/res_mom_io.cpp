@@ -2,6 +2,7 @@
  * and follows the upgrade and ISSU state records, which hold back I/O
  * warnings while the device is being upgraded. */
 #include "mom/res_mom_io.h"
+#include "mom/res_mom_enum.h"
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_data.h"
 #include "misc/res_saturate.h"
@@ -352,17 +353,6 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
     RES_DBG(issu ? "ignore cmd:%d\n" : "ignore cmd:%d", event);
     *bad = 1;
     return nullptr;
-}
-
-/* The number held by an enum field of a decoded record: protobuf-c stores
- * whatever int32 came, and loading a value outside the enumeration as the
- * enum type is undefined behaviour. */
-template <typename E> int32_t res_mom_enum_value(const E &field)
-{
-    static_assert(sizeof(E) == sizeof(int32_t), "protobuf-c enums are int-sized");
-    int32_t v;
-    memcpy(&v, &field, sizeof v);
-    return v;
 }
 
 } // namespace

@@ -198,4 +198,23 @@ TEST_F(MomDevTest, RoleCallbackChecksItsReplies)
     EXPECT_EQ(res_mom_sub_flag, RES_MOM_SUB_ROLE);
 }
 
+TEST_F(MomDevTest, RoleOutsideTheEnumerationIsReadAsItsNumber)
+{
+    log = std::make_unique<log_capture>();
+    res_mom_data_init();
+    /* my_grole (field 6) = -1, as any writer on the bus may send it. */
+    const uint8_t bytes[] = {0x30, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01};
+    PDev__DpLibGrole *role = p_dev__dp_lib_grole__unpack(nullptr, sizeof bytes, bytes);
+    ASSERT_NE(role, nullptr);
+    qn_mom_res_t res = {};
+    res.value = &role->base;
+    qn_mom_reply_t value = {};
+    value.type = 6;
+    value.res = &res;
+    EXPECT_EQ(res_mom_sub_role_cb(nullptr, &value), 0);
+    EXPECT_TRUE(log->has("get role[-1]."));
+    EXPECT_EQ(res_local_node.role, -1);
+    p_dev__dp_lib_grole__free_unpacked(role, nullptr);
+}
+
 } // namespace
