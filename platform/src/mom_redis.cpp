@@ -70,8 +70,8 @@ const char kDelScript[] =
     "return 1\n";
 
 /* Shared by the scan and sync scripts: the log's last position, and the
- * records of one spec appended to out as key, value (or the value's size
- * when it is over the limit). */
+ * records that one scan asks for (a prefix, or one exact key) appended to
+ * out as key, value (or the value's size when it is over the limit). */
 const char kReadHelpers[] =
     "local function last_pos(log)\n"
     "  local l = redis.call('XREVRANGE', log, '+', '-', 'COUNT', 1)\n"
