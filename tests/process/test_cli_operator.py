@@ -359,10 +359,19 @@ class InterruptedReply(unittest.TestCase):
         self.assertEqual(self.service.requests(), [["exec show slowly"], ["exec exit"]])
 
 
+# A session idle this long is closed; the busy session sends a command every
+# BUSY_EVERY seconds, far inside it even on a loaded machine, and the idle one
+# is looked at once IDLE_WAIT has passed.
+IDLE_TIMEOUT = 3
+BUSY_EVERY = 0.3
+IDLE_WAIT = IDLE_TIMEOUT + 1.5
+IDLE_CLOSED = "% Session closed: no command for 3 seconds.\n"
+
+
 class IdleSessions(unittest.TestCase):
     def setUp(self):
         self.tmp = TempDir(prefix="scli-idle-")
-        self.server = SampleServer(self.tmp.path, config="[cli]\nidle_timeout = 1\n").start()
+        self.server = SampleServer(self.tmp.path, config="[cli]\nidle_timeout = %d\n" % IDLE_TIMEOUT).start()
 
     def tearDown(self):
         self.server.stop()
@@ -373,10 +382,15 @@ class IdleSessions(unittest.TestCase):
         busy = RawSession(self.server.sock, timeout=10)
         self.assertEqual(idle.run("show sample")[0], 0)
         t0 = time.monotonic()
-        while time.monotonic() - t0 < 2.5:
+        longest = 0.0
+        while time.monotonic() - t0 < IDLE_WAIT:
+            sent = time.monotonic()
             self.assertEqual(busy.run("show sample")[0], 0)
-            time.sleep(0.3)
-        self.assertEqual(idle.reply(), (2, "exec", "% Session closed: no command for 1 second.\n"))
+            time.sleep(BUSY_EVERY)
+            longest = max(longest, time.monotonic() - sent)
+        print("\nbusy session: longest time between commands %.0f ms (idle timeout %d s)"
+              % (longest * 1000, IDLE_TIMEOUT))
+        self.assertEqual(idle.reply(), (2, "exec", IDLE_CLOSED))
         self.assertTrue(idle.at_end())
         self.assertEqual(busy.run("show sample")[0], 0)
         idle.close()
@@ -386,12 +400,12 @@ class IdleSessions(unittest.TestCase):
         shell = PtyShell(self.server.env)
         try:
             self.assertTrue(shell.read_until(b"stovig# "))
-            time.sleep(2.5)
+            time.sleep(IDLE_WAIT)
             mark = shell.mark()
             shell.type(b"show sample\r")
             self.assertTrue(shell.read_until(b"Sample interval:    30", start=mark), shell.text())
             screen = shell.screen[mark:].decode(errors="replace")
-            self.assertIn("% Session closed: no command for 1 second.", screen)
+            self.assertIn(IDLE_CLOSED.strip(), screen)
             self.assertIn("% Reconnected to qn-stovig.", screen)
         finally:
             shell.close()
@@ -399,9 +413,9 @@ class IdleSessions(unittest.TestCase):
     def test_script_after_the_session_was_closed_exits_2(self):
         shell = subprocess.Popen([SHELL], env=self.server.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE)
-        time.sleep(2.5)
+        time.sleep(IDLE_WAIT)
         out, err = shell.communicate(b"show sample\n", timeout=20)
-        self.assertEqual((shell.returncode, out, err), (2, b"", b"% Session closed: no command for 1 second.\n"))
+        self.assertEqual((shell.returncode, out, err), (2, b"", IDLE_CLOSED.encode()))
 
 
 if __name__ == "__main__":
