@@ -46,8 +46,8 @@ enum {
 #define QN_THREAD_VAL(t) ((t)->val)
 
 /* Null (errno set) when the loop cannot be created.  When the platform
- * configuration cannot be read, its reason is printed and the process ends
- * with status 78 (QN_PLATFORM_EX_CONFIG). */
+ * configuration cannot be read, its reason is printed, the process withdraws
+ * from HAM (ham_cancel_proc) and ends with status 78 (QN_PLATFORM_EX_CONFIG). */
 struct qn_thread_master *qn_thread_master_create(void);
 
 /* Blocks until a task is ready and copies it into *fetch.  Returns null only

@@ -4,6 +4,7 @@
  * the process runs on that one thread, one task at a time. */
 #include "qn_thread.h"
 #include "qn_thread_standin.h"
+#include "qn_ham.h"
 #include "qn_platform_config.h"
 
 #include <unistd.h>
@@ -102,7 +103,10 @@ qn_thread_master *qn_thread_master_create(void)
     const qn_platform_config *cfg = qn_platform_config_get();
     if (!cfg) {
         /* Nothing can run on a wrong configuration: its reason, just
-         * printed, stays the last word. */
+         * printed, stays the last word.  The process ends here, past the
+         * daemon's own exit path, so it withdraws from HAM itself (which
+         * prints nothing): a stop on purpose, not a crash to restart from. */
+        ham_cancel_proc(getpid());
         fflush(stdout);
         fflush(stderr);
         _exit(QN_PLATFORM_EX_CONFIG);

@@ -2,21 +2,67 @@
 
 #include <cstring>
 
+size_t res_escape_kept_len(const unsigned char *p, size_t left)
+{
+    if (left == 0)
+        return 0;
+    unsigned char c = p[0];
+    if (c < 0x80)
+        return c < 0x20 || c == 0x7f ? 0 : 1;
+    /* The lead byte gives the length and the range its first continuation
+     * byte may take (RFC 3629): no overlong forms, no surrogates, nothing
+     * above U+10FFFF. */
+    size_t len;
+    unsigned char lo = 0x80, hi = 0xbf;
+    if (c >= 0xc2 && c <= 0xdf) {
+        len = 2;
+    } else if (c >= 0xe0 && c <= 0xef) {
+        len = 3;
+        if (c == 0xe0)
+            lo = 0xa0;
+        else if (c == 0xed)
+            hi = 0x9f;
+    } else if (c >= 0xf0 && c <= 0xf4) {
+        len = 4;
+        if (c == 0xf0)
+            lo = 0x90;
+        else if (c == 0xf4)
+            hi = 0x8f;
+    } else {
+        return 0; /* a continuation byte on its own, c0, c1, f5-ff */
+    }
+    if (left < len || p[1] < lo || p[1] > hi)
+        return 0;
+    for (size_t i = 2; i < len; ++i)
+        if (p[i] < 0x80 || p[i] > 0xbf)
+            return 0;
+    /* U+0080-U+009F: the C1 controls. */
+    if (c == 0xc2 && p[1] <= 0x9f)
+        return 0;
+    return len;
+}
+
 std::string res_escape_bytes(const char *text, size_t len)
 {
     static const char hex[] = "0123456789abcdef";
+    const auto *p = reinterpret_cast<const unsigned char *>(text);
     std::string out;
     out.reserve(len);
-    for (size_t i = 0; i < len; ++i) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        if (!res_escape_needed(c)) {
-            out.push_back(static_cast<char>(c));
+    size_t i = 0;
+    while (i < len) {
+        size_t kept = res_escape_kept_len(p + i, len - i);
+        if (kept > 0) {
+            out.append(text + i, kept);
+            i += kept;
             continue;
         }
+        /* One byte at a time: of a C1 control, the second byte is then a
+         * stray continuation byte and escaped in turn. */
         out.push_back('\\');
         out.push_back('x');
-        out.push_back(hex[c >> 4]);
-        out.push_back(hex[c & 0xf]);
+        out.push_back(hex[p[i] >> 4]);
+        out.push_back(hex[p[i] & 0xf]);
+        ++i;
     }
     return out;
 }
@@ -40,10 +86,15 @@ bool res_escape_wanted(const char *text)
 {
     if (!text)
         return false;
-    for (const char *p = text; *p; ++p) {
-        unsigned char c = static_cast<unsigned char>(*p);
-        if (res_escape_needed(c) && !(c == '\n' && p[1] == '\0'))
+    size_t len = strlen(text);
+    if (len > 0 && text[len - 1] == '\n')
+        --len;
+    const auto *p = reinterpret_cast<const unsigned char *>(text);
+    for (size_t i = 0; i < len;) {
+        size_t kept = res_escape_kept_len(p + i, len - i);
+        if (kept == 0)
             return true;
+        i += kept;
     }
     return false;
 }

@@ -55,15 +55,67 @@ int res_misc_del_timer(struct qn_thread *slot)
     return 0;
 }
 
-int res_misc_exec_sh(const char *cmd)
+namespace {
+
+/* Starts argv (through PATH) with its standard output and error sent to
+ * out_fd and err_fd when those are not negative, and waits for it.  The wait
+ * status, or -1 with posix_spawn's error in *spawn_err. */
+int res_spawn_wait(const char *const argv[], int out_fd, int err_fd, int *spawn_err)
 {
-    /* system() must be able to reap its child even when SIGCHLD is ignored. */
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attr);
+    if (out_fd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
+    if (err_fd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
+    /* The command gets standard input, output and error only: descriptors
+     * the daemon holds without close-on-exec (the bus client's sockets, the
+     * logs) must not reach mount, fdisk or smartctl. */
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+    /* The child starts with no signal blocked and a broken pipe fatal again,
+     * as a command started from a shell would. */
+    sigset_t none, pipe;
+    sigemptyset(&none);
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &pipe);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    /* The child must be reaped here even when the process ignores SIGCHLD. */
     struct sigaction dfl = {}, old = {};
     dfl.sa_handler = SIG_DFL;
     sigemptyset(&dfl.sa_mask);
     sigaction(SIGCHLD, &dfl, &old);
-    int status = system(cmd);
+    pid_t pid = -1;
+    *spawn_err = posix_spawnp(&pid, argv[0], &actions, &attr, const_cast<char *const *>(argv), environ);
+    int status = -1;
+    if (*spawn_err == 0) {
+        while (waitpid(pid, &status, 0) < 0) {
+            if (errno != EINTR) {
+                status = -1;
+                break;
+            }
+        }
+    }
     sigaction(SIGCHLD, &old, nullptr);
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+    return status;
+}
+
+} // namespace
+
+int res_misc_exec_sh(const char *cmd)
+{
+    /* As system(3) runs it, but without handing the daemon's descriptors on. */
+    const char *argv[] = {"/bin/sh", "-c", cmd ? cmd : "", nullptr};
+    int spawn_err = 0;
+    int status = res_spawn_wait(argv, -1, -1, &spawn_err);
+    if (spawn_err == ENOENT)
+        status = 127 << 8; /* system() when no shell can be run */
 
     RES_DBG("%s", cmd);
     if (status == -1) {
@@ -88,50 +140,15 @@ int res_misc_exec_argv(const char *const argv[], int out_fd, int err_fd, const c
     }
     if (!shown)
         shown = argv[0];
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attr;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attr);
-    if (out_fd >= 0)
-        posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-    if (err_fd >= 0)
-        posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
-    /* The child starts with no signal blocked and a broken pipe fatal again,
-     * as a command started from a shell would. */
-    sigset_t none, pipe;
-    sigemptyset(&none);
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &pipe);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-    /* The child must be reaped here even when the process ignores SIGCHLD. */
-    struct sigaction dfl = {}, old = {};
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(SIGCHLD, &dfl, &old);
-    pid_t pid = -1;
-    int err = posix_spawnp(&pid, argv[0], &actions, &attr, const_cast<char *const *>(argv), environ);
-    int status = 0;
-    if (err == 0) {
-        while (waitpid(pid, &status, 0) < 0) {
-            if (errno != EINTR) {
-                status = -1;
-                break;
-            }
-        }
-    }
-    sigaction(SIGCHLD, &old, nullptr);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
+    int err = 0;
+    int status = res_spawn_wait(argv, out_fd, err_fd, &err);
 
     RES_DBG("%s", shown);
     if (err == ENOENT || err == ENOTDIR)
         status = 127 << 8; /* what the shell answers for a command it cannot find */
     else if (err == EACCES || err == ENOEXEC || err == EPERM)
         status = 126 << 8;
-    else if (err != 0 || status == -1) {
+    else if (status == -1) {
         RES_ERR("system %s failed, fork failed.", shown);
         return -1;
     }

@@ -232,10 +232,146 @@ class Interactive(unittest.TestCase):
         self.assertEqual(sh.wait(), 0, sh.text())
 
 
+class ScriptedService:
+    """A command socket served by the test itself, speaking the wire protocol:
+    it records every request per connection and answers from `answers`
+    (request line -> (status, mode, text)); a request it has no answer for is
+    left waiting, as a daemon busy with a long command would."""
+
+    def __init__(self, tmpdir, answers):
+        self.run_dir = os.path.join(tmpdir, "stovig")
+        os.makedirs(self.run_dir, mode=0o700, exist_ok=True)
+        self.env = dict(os.environ, TMPDIR=tmpdir)
+        self.env.pop("STOVIG_CONFIG", None)
+        self.answers = answers
+        self.connections = []  # the request lines of each connection, in order
+        self.lock = threading.Lock()
+        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.listener.bind(os.path.join(self.run_dir, "cli.sock"))
+        self.listener.listen(4)
+        self.listener.settimeout(0.2)
+        self.stopping = False
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while not self.stopping:
+            try:
+                conn, _ = self.listener.accept()
+            except socket.timeout:
+                continue
+            threading.Thread(target=self._session, args=(conn,), daemon=True).start()
+
+    def _session(self, conn):
+        with self.lock:
+            requests = []
+            self.connections.append(requests)
+        buf = b""
+        conn.settimeout(30)
+        try:
+            while True:
+                chunk = conn.recv(4096)
+                if not chunk:
+                    break
+                buf += chunk
+                while b"\n" in buf:
+                    line, buf = buf.split(b"\n", 1)
+                    text = line.decode()
+                    with self.lock:
+                        requests.append(text)
+                    if text in self.answers:
+                        status, mode, reply = self.answers[text]
+                        body = reply.encode()
+                        conn.sendall(b"%d %s %d\n" % (status, mode.encode(), len(body)) + body)
+        except OSError:
+            pass
+        finally:
+            conn.close()
+
+    def requests(self):
+        with self.lock:
+            return [list(r) for r in self.connections]
+
+    def stop(self):
+        self.stopping = True
+        self.thread.join(timeout=5)
+        self.listener.close()
+
+
+class InterruptedReply(unittest.TestCase):
+    """Ctrl-C while a reply is awaited gives up the session; the next line
+    comes back through a new one, in the mode the operator was in."""
+
+    def setUp(self):
+        self.tmp = TempDir(prefix="scli-int-")
+        self.service = ScriptedService(self.tmp.path, {
+            "exec configure terminal": (0, "config", ""),
+            "exec sample set interval 40": (0, "config", "Set sample interval 40 seconds.\n"),
+            "exec end": (0, "exec", ""),
+            "exec exit": (0, "closed", ""),
+        })
+        self.shell = PtyShell(self.service.env)
+
+    def tearDown(self):
+        self.shell.close()
+        self.service.stop()
+        self.tmp.cleanup()
+
+    def test_ctrl_c_during_a_reply_then_the_next_line_runs_in_configuration_mode(self):
+        sh = self.shell
+        self.assertTrue(sh.read_until(b"stovig# "), sh.text())
+        sh.type(b"configure terminal\r")
+        self.assertTrue(sh.read_until(b"stovig(config)# "), sh.text())
+        sh.type(b"do show slowly\r")
+        # Sent: the shell now waits for the reply, its terminal back in the
+        # mode where Ctrl-C is a signal.
+        self.assertTrue(wait_for(lambda: self.service.requests()[-1][-1:] == ["exec do show slowly"]),
+                        self.service.requests())
+        mark = sh.mark()
+        sh.type(b"\x03")
+        self.assertTrue(sh.read_until(b"% Interrupted.", start=mark), sh.text())
+        self.assertTrue(sh.read_until(b"stovig(config)# ", start=mark), sh.text())
+        mark = sh.mark()
+        sh.type(b"sample set interval 40\r")
+        self.assertTrue(sh.read_until(b"Set sample interval 40 seconds.", start=mark), sh.text())
+        self.assertTrue(sh.read_until(b"stovig(config)# ", start=mark), sh.text())
+        self.assertEqual(self.service.requests(), [
+            ["exec configure terminal", "exec do show slowly"],
+            ["exec configure terminal", "exec sample set interval 40"],
+        ])
+        self.assertIn("% Reconnected to qn-stovig.", sh.screen[mark:].decode(errors="replace"))
+        sh.type(b"end\rexit\r")
+        self.assertEqual(sh.wait(), 0, sh.text())
+
+    def test_ctrl_c_during_a_reply_in_exec_mode_stays_in_exec_mode(self):
+        sh = self.shell
+        self.assertTrue(sh.read_until(b"stovig# "), sh.text())
+        sh.type(b"show slowly\r")
+        self.assertTrue(wait_for(lambda: self.service.requests()[-1:] == [["exec show slowly"]]),
+                        self.service.requests())
+        mark = sh.mark()
+        sh.type(b"\x03")
+        self.assertTrue(sh.read_until(b"% Interrupted.", start=mark), sh.text())
+        mark = sh.mark()
+        sh.type(b"exit\r")
+        self.assertEqual(sh.wait(), 0, sh.text())
+        self.assertIn("% Reconnected to qn-stovig.", sh.screen[mark:].decode(errors="replace"))
+        self.assertEqual(self.service.requests(), [["exec show slowly"], ["exec exit"]])
+
+
+# A session idle this long is closed; the busy session sends a command every
+# BUSY_EVERY seconds, far inside it even on a loaded machine, and the idle one
+# is looked at once IDLE_WAIT has passed.
+IDLE_TIMEOUT = 3
+BUSY_EVERY = 0.3
+IDLE_WAIT = IDLE_TIMEOUT + 1.5
+IDLE_CLOSED = "% Session closed: no command for 3 seconds.\n"
+
+
 class IdleSessions(unittest.TestCase):
     def setUp(self):
         self.tmp = TempDir(prefix="scli-idle-")
-        self.server = SampleServer(self.tmp.path, config="[cli]\nidle_timeout = 1\n").start()
+        self.server = SampleServer(self.tmp.path, config="[cli]\nidle_timeout = %d\n" % IDLE_TIMEOUT).start()
 
     def tearDown(self):
         self.server.stop()
@@ -246,10 +382,15 @@ class IdleSessions(unittest.TestCase):
         busy = RawSession(self.server.sock, timeout=10)
         self.assertEqual(idle.run("show sample")[0], 0)
         t0 = time.monotonic()
-        while time.monotonic() - t0 < 2.5:
+        longest = 0.0
+        while time.monotonic() - t0 < IDLE_WAIT:
+            sent = time.monotonic()
             self.assertEqual(busy.run("show sample")[0], 0)
-            time.sleep(0.3)
-        self.assertEqual(idle.reply(), (2, "exec", "% Session closed: no command for 1 second.\n"))
+            time.sleep(BUSY_EVERY)
+            longest = max(longest, time.monotonic() - sent)
+        print("\nbusy session: longest time between commands %.0f ms (idle timeout %d s)"
+              % (longest * 1000, IDLE_TIMEOUT))
+        self.assertEqual(idle.reply(), (2, "exec", IDLE_CLOSED))
         self.assertTrue(idle.at_end())
         self.assertEqual(busy.run("show sample")[0], 0)
         idle.close()
@@ -259,12 +400,12 @@ class IdleSessions(unittest.TestCase):
         shell = PtyShell(self.server.env)
         try:
             self.assertTrue(shell.read_until(b"stovig# "))
-            time.sleep(2.5)
+            time.sleep(IDLE_WAIT)
             mark = shell.mark()
             shell.type(b"show sample\r")
             self.assertTrue(shell.read_until(b"Sample interval:    30", start=mark), shell.text())
             screen = shell.screen[mark:].decode(errors="replace")
-            self.assertIn("% Session closed: no command for 1 second.", screen)
+            self.assertIn(IDLE_CLOSED.strip(), screen)
             self.assertIn("% Reconnected to qn-stovig.", screen)
         finally:
             shell.close()
@@ -272,9 +413,9 @@ class IdleSessions(unittest.TestCase):
     def test_script_after_the_session_was_closed_exits_2(self):
         shell = subprocess.Popen([SHELL], env=self.server.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE)
-        time.sleep(2.5)
+        time.sleep(IDLE_WAIT)
         out, err = shell.communicate(b"show sample\n", timeout=20)
-        self.assertEqual((shell.returncode, out, err), (2, b"", b"% Session closed: no command for 1 second.\n"))
+        self.assertEqual((shell.returncode, out, err), (2, b"", IDLE_CLOSED.encode()))
 
 
 if __name__ == "__main__":

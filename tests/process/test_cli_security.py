@@ -127,6 +127,18 @@ class ThrowawayUser(unittest.TestCase):
         finally:
             server.stop()
 
+    def test_user_refused_the_root_daemons_directory_is_told_about_sudo(self):
+        server = SampleServer(self.tmp.path).start()
+        try:
+            p = subprocess.run([SHELL, "-c", "show sample"], env=server.env, capture_output=True, timeout=30,
+                               preexec_fn=as_user(self.uid, self.gid), cwd="/")
+            self.assertEqual((p.returncode, p.stdout), (2, b""))
+            self.assertEqual(p.stderr.decode(),
+                             "%% cannot reach qn-stovig at %s: Permission denied; the daemon runs as root: run the "
+                             "shell as root, e.g. sudo env TMPDIR=%s qn-stovig-cli\n" % (server.sock, self.tmp.path))
+        finally:
+            server.stop()
+
     def test_socket_planted_by_another_user_is_not_used(self):
         # The user made the run directory before the daemon ever started, in a
         # directory everybody may write (as /tmp), and serves a fake socket.

@@ -20,6 +20,10 @@ CONFIG = "[log]\nlevel = debug\n[loop]\nsecond_ms = %d\n" % SECOND_MS
 TICK = "res_mon_io_timer_func add timer with ret[0]."
 STUCK_CLIENTS = 8
 OPERATOR_RUNS = 20
+# The longest gap between two I/O ticks that still counts as keeping time on
+# a loaded 2-core machine shared with other builds.  A loop blocked by the
+# clients waits a send timeout (2 s) per client, 16 s for the eight.
+MAX_TICK_GAP = 2.0
 
 
 def log_lines(node):
@@ -91,15 +95,18 @@ class StuckClients(unittest.TestCase):
         gaps = [b - a for a, b in zip(ticks, ticks[1:])]
         median = statistics.median(latencies)
         print("\noperator latency: median %.1f ms, max %.1f ms; I/O timer: %d ticks, gap median %.0f ms, "
-              "max %.0f ms (period %.0f ms); stuck clients: %s"
+              "max %.0f ms (period %.0f ms, bound %.0f ms); stuck clients: %s"
               % (median * 1000, max(latencies) * 1000, len(ticks), statistics.median(gaps) * 1000 if gaps else -1,
-                 max(gaps) * 1000 if gaps else -1, IO_PERIOD * 1000, out.decode().strip()), file=sys.stderr)
+                 max(gaps) * 1000 if gaps else -1, IO_PERIOD * 1000, MAX_TICK_GAP * 1000, out.decode().strip()),
+              file=sys.stderr)
 
         self.assertLess(median, 0.050, "operator latencies: %s" % latencies)
-        # The timer keeps its period: it fired all along the window and never
-        # waited much longer than one period (a blocked loop waits seconds).
+        # The timer keeps its period: it fired all along the window, its
+        # typical gap is the period, and no gap is as long as a blocked loop
+        # makes it.
         self.assertGreaterEqual(len(ticks), (window_end - window_start) / IO_PERIOD / 2, ticks)
-        self.assertLess(max(gaps), IO_PERIOD + 0.5, gaps)
+        self.assertLess(statistics.median(gaps), IO_PERIOD * 1.5, gaps)
+        self.assertLess(max(gaps), MAX_TICK_GAP, gaps)
         # The stuck clients were disconnected, each time with a debug line.
         self.assertRegex(out.decode(), r"drops=[1-9]")
         self.assertTrue(any("stopped reading with" in l for l in lines))

@@ -116,14 +116,33 @@ class StartupTest(unittest.TestCase):
         self.assertNotIn("process begin", n.syslog_text())
 
     def test_bad_config_value_is_reported_with_path_line_and_key(self):
-        n = self.node(config="[log]\nmax_files = 3\n\n[loop]\nsecond_ms = soon\n")
-        status, out, err = n.run_to_exit()
+        sock_path = os.path.join(self.tmp.path, "notify.sock")
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        sock.bind(sock_path)
+        try:
+            n = self.node(config="[log]\nmax_files = 3\n\n[loop]\nsecond_ms = soon\n",
+                          env={"NOTIFY_SOCKET": sock_path})
+            status, out, err = n.run_to_exit()
+            notices = []
+            sock.setblocking(False)
+            while True:
+                try:
+                    notices.append(sock.recv(4096).decode())
+                except BlockingIOError:
+                    break
+        finally:
+            sock.close()
         # The reason is the last thing said; the status tells a service
         # manager not to restart (EX_CONFIG).
         self.assertEqual(err.strip().splitlines()[-1],
                          "%s:5: [loop] second_ms: not a number in range ('soon')" % n.config_path)
         self.assertEqual(out, "")
         self.assertEqual(status, 78)
+        # Registered with HAM before the configuration was read, so withdrawn
+        # before the exit: the stop is on purpose.
+        print("notices: %r" % notices)
+        self.assertTrue(any(m.startswith("STATUS=") for m in notices), notices)
+        self.assertEqual(notices[-1], "STOPPING=1", notices)
 
     def test_unknown_key_and_malformed_line_are_reported(self):
         n = self.node(config="[node]\nslot = 3\n")

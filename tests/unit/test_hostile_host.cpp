@@ -14,6 +14,8 @@
 #include <sys/stat.h>
 
 #include <climits>
+#include <set>
+#include <sstream>
 
 namespace {
 
@@ -402,6 +404,41 @@ TEST_F(HostileHost, ArgvCommandsKeepTheShellHelpersResults)
     sigaction(SIGCHLD, &ign, &old);
     EXPECT_EQ(-3, res_misc_exec_argv(three, -1, -1, "sh -c 'exit 3'"));
     sigaction(SIGCHLD, &old, nullptr);
+}
+
+/* The daemon's descriptors without close-on-exec (the bus client's sockets)
+ * never reach an external command: it sees standard input, output and error,
+ * and the descriptor it lists the directory with. */
+TEST_F(HostileHost, CommandsSeeOnlyTheStandardDescriptors)
+{
+    int leaky = open("/dev/null", O_RDONLY); /* no O_CLOEXEC, as hiredis opens its socket */
+    ASSERT_GE(leaky, 0);
+    int high = fcntl(leaky, F_DUPFD, 100); /* F_DUPFD, not F_DUPFD_CLOEXEC */
+    ASSERT_GE(high, 100);
+    auto listed = [this](const char *const argv[], bool shell) {
+        int out = open((root + "/fds").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        EXPECT_GE(out, 0);
+        if (shell)
+            EXPECT_EQ(0, res_misc_exec_sh(argv[0]));
+        else
+            EXPECT_EQ(0, res_misc_exec_argv(argv, out, -1, "ls /proc/self/fd"));
+        close(out);
+        std::set<int> fds;
+        std::istringstream in(read("/fds"));
+        for (std::string word; in >> word;)
+            fds.insert(std::stoi(word));
+        return fds;
+    };
+    const char *ls[] = {"ls", "-1", "/proc/self/fd", nullptr};
+    EXPECT_EQ((std::set<int>{0, 1, 2, 3}), listed(ls, false));
+    std::string cmd = "ls -1 /proc/self/fd >" + root + "/fds";
+    const char *sh[] = {cmd.c_str(), nullptr};
+    EXPECT_EQ((std::set<int>{0, 1, 2, 3}), listed(sh, true));
+    /* Still open here: only the child went without them. */
+    EXPECT_EQ(0, fcntl(leaky, F_GETFD));
+    EXPECT_EQ(0, fcntl(high, F_GETFD));
+    close(high);
+    close(leaky);
 }
 
 } // namespace

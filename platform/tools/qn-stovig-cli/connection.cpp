@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -32,6 +33,22 @@ bool trusted_owner(uid_t uid)
 std::string owner_rule()
 {
     return "it must belong to root or to uid " + std::to_string(getuid()) + " and be writable by nobody else";
+}
+
+/* Why a directory on the way could not be entered; for a user who is refused
+ * the private run directory of a root daemon, the way in. */
+std::string denied_text(int err, const std::string &dir)
+{
+    std::string text = strerror(err);
+    struct stat st;
+    if (err == EACCES && geteuid() != 0 && stat(dir.c_str(), &st) == 0 && st.st_uid == 0) {
+        const char *tmpdir = getenv("TMPDIR");
+        text += "; the daemon runs as root: run the shell as root, e.g. sudo ";
+        if (tmpdir && *tmpdir)
+            text += std::string("env TMPDIR=") + tmpdir + " ";
+        text += "qn-stovig-cli";
+    }
+    return text;
 }
 
 /* Reads what is there (or, when `wait`, at least something); false at the
@@ -112,7 +129,7 @@ bool cli_connect(std::string &why)
         if (errno == ELOOP || errno == ENOTDIR)
             why = "refusing " + path + ": its directory is not a directory (a symbolic link?); " + owner_rule();
         else
-            why = "cannot reach qn-stovig at " + path + ": " + strerror(errno);
+            why = "cannot reach qn-stovig at " + path + ": " + denied_text(errno, dir);
         return false;
     }
     struct stat st;

@@ -113,8 +113,10 @@ int run_script(const std::vector<std::string> &commands, bool from_stdin)
     return worst;
 }
 
-/* After the daemon dropped the session (it restarted, or closed an idle
- * session): one new connection, back in the mode the operator was in. */
+/* After the session ended under the operator (the daemon restarted or closed
+ * an idle session, or Ctrl-C gave up waiting for a reply): one new
+ * connection, back in the mode the operator was in, and said so.  False,
+ * with a line on standard error, when that fails. */
 bool reconnect()
 {
     std::string was = mode, why;
@@ -125,8 +127,11 @@ bool reconnect()
     }
     if (was == QN_CLI_MODE_CONFIG) {
         cli_reply r = cli_request("exec", "configure terminal");
-        if (r.lost || r.status != QN_CLI_STATUS_DONE)
+        if (r.lost || r.status != QN_CLI_STATUS_DONE) {
+            fputs(r.lost ? lost_text : r.text.c_str(), stderr);
+            cli_disconnect();
             return false;
+        }
         mode = r.mode;
     }
     fputs("% Reconnected to qn-stovig.\n", stderr);
@@ -235,14 +240,12 @@ int interactive()
         history(hist, &ev, H_ENTER, line.c_str());
         std::string parting;
         if (!cli_connected()) {
-            /* Closed here after an interrupted wait. */
-            std::string why;
-            if (!cli_connect(why)) {
-                fprintf(stderr, "%% %s\n", why.c_str());
+            /* Closed here after an interrupted wait: back the same way as
+             * after a daemon restart, in the mode the operator was in. */
+            if (!reconnect()) {
                 status = 2;
                 break;
             }
-            mode = QN_CLI_MODE_EXEC;
         } else if (cli_dropped(parting)) {
             fputs(parting.empty() ? lost_text : parting.c_str(), stderr);
             if (!reconnect()) {
