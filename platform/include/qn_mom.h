@@ -20,7 +20,8 @@
  * unsubscribing answer QN_MOM_ERR_NOTCONN.  A subscription made stands through
  * outages: the changes made while the link was down are delivered, in order,
  * once it is back (or, when the store could not keep them, the current
- * records of the subscribed types, as value replies).  After the store lost
+ * records of the subscribed types, each as a QN_MOM_REPLY_SET reply, and
+ * none for a record deleted meanwhile).  After the store lost
  * its records, the client writes back the last known value of every record
  * it wrote, unless someone wrote it first.
  *
