@@ -22,6 +22,8 @@
 #include <hiredis/hiredis.h>
 #include <hiredis/adapters/libevent.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -349,6 +351,14 @@ struct redis_tr : mom_transport {
             return nullptr;
         if (ac->err) {
             last_error = ac->errstr;
+            redisAsyncFree(ac);
+            return nullptr;
+        }
+        /* hiredis opens its socket without SOCK_CLOEXEC: the commands the
+         * daemon runs must not inherit an authenticated link to the store. */
+        int flags = fcntl(ac->c.fd, F_GETFD);
+        if (flags < 0 || fcntl(ac->c.fd, F_SETFD, flags | FD_CLOEXEC) < 0) {
+            last_error = std::string("cannot mark the connection close-on-exec: ") + strerror(errno);
             redisAsyncFree(ac);
             return nullptr;
         }
