@@ -544,6 +544,12 @@ bool qn_mom_client::hand_to_subscriptions(int type, const std::string &key, cons
 
 void qn_mom_client::take_snapshot(const mom_link_up &up)
 {
+    /* A record with a write still in the outbox keeps the value this client
+     * wrote last: the store's copy is older, and a record first written
+     * while the link was down is not missing, only not yet delivered. */
+    std::set<std::string> pending;
+    for (const pending_write &w : outbox)
+        pending.insert(w.key);
     std::set<std::string> present;
     for (const mom_entry &e : up.entries) {
         present.insert(e.key);
@@ -554,14 +560,14 @@ void qn_mom_client::take_snapshot(const mom_link_up &up)
             continue;
         }
         auto mine = own.find(e.key);
-        if (mine != own.end())
+        if (mine != own.end() && !pending.count(e.key))
             mine->second = e.bytes;
         if (hand_to_subscriptions(QN_MOM_REPLY_SET, e.key, std::string(), e.bytes, true))
             mark_handed_out(e.key, up.at);
     }
     /* Gone from a store that kept its records: someone deleted them. */
     if (!up.store_reset)
-        std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first); });
+        std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first) && !pending.count(kv.first); });
 }
 
 void qn_mom_client::transport_up(const mom_link_up &up)

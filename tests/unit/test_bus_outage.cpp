@@ -395,6 +395,53 @@ TEST_F(BusOutageTest, AConnectCallbackWhoseLinkWentBeforeItsTurnWaitsForTheLink)
     EXPECT_EQ(calls, 1);
 }
 
+/* Every I/O record in the store as a scan by `reader` hands them out:
+ * "slot:disk" each, in key order. */
+std::vector<std::string> stored_values(qn_mom_client_t *reader)
+{
+    io_record pattern(0, "");
+    recorder scan;
+    EXPECT_EQ(qn_mom_scan(reader, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &scan), 0);
+    EXPECT_TRUE(run_until([&] { return scan.scan_over; }));
+    return scan.values;
+}
+
+TEST_F(BusOutageTest, RecordsWrittenWhileTheLinkWasDownStayTheClientsOwnThroughAGapInTheLog)
+{
+    qn_mom_client_t *other = client(res_master, "OTHER");
+    qn_mom_client_t *node = client(side_loop(), "LC");
+    io_record first(1, "v1");
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, first.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(node) == 0; }));
+
+    cut_links();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(node); }));
+    /* While the link is down: a newer value of a record the store holds,
+     * and a record the store never had. */
+    io_record second(1, "v2"), fresh(2, "new");
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, second.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, fresh.msg(), 0, 0), 0);
+    /* Others write on and the log is trimmed past the node's position: it
+     * comes back through a snapshot of the current records. */
+    io_record theirs(9, "other");
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, theirs.msg(), 0, 0), 0);
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    server.command("XTRIM qnmom:stream MAXLEN 0");
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(node) && qn_mom_client_outbox(node) == 0; }, 8000));
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_NE(err.find("qn_mom[LC]: link to the store is back"), std::string::npos) << err;
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:new", "9:other"}));
+
+    /* The store then loses everything: the node writes back what it wrote
+     * last, the record it first wrote while its link was down included. */
+    restart_store();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(node); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(node) && qn_mom_client_outbox(node) == 0; }, 8000));
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:new", "9:other"}));
+}
+
 /* ---- value sizes, on both transports ---- */
 
 template <bool Redis>
