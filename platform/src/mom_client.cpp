@@ -143,6 +143,15 @@ struct qn_mom_client : mom_hooks {
     void run_waiting_scans();
     void restore_own();
     void take_snapshot(const mom_link_up &up);
+    void write_back_newer(const mom_link_up &up);
+    /* Keys with a write in the outbox. */
+    std::set<std::string> pending_keys() const
+    {
+        std::set<std::string> out;
+        for (const pending_write &w : outbox)
+            out.insert(w.key);
+        return out;
+    }
     /* Hands a record value or a deletion of `key` to the subscriptions it
      * concerns; whether any took it. */
     bool hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
@@ -546,10 +555,9 @@ void qn_mom_client::take_snapshot(const mom_link_up &up)
 {
     /* A record with a write still in the outbox keeps the value this client
      * wrote last: the store's copy is older, and a record first written
-     * while the link was down is not missing, only not yet delivered. */
-    std::set<std::string> pending;
-    for (const pending_write &w : outbox)
-        pending.insert(w.key);
+     * while the link was down is not missing, only not yet delivered.  A
+     * store that rolled back holds older copies of the others too. */
+    std::set<std::string> pending = pending_keys();
     std::set<std::string> present;
     for (const mom_entry &e : up.entries) {
         present.insert(e.key);
@@ -560,14 +568,45 @@ void qn_mom_client::take_snapshot(const mom_link_up &up)
             continue;
         }
         auto mine = own.find(e.key);
-        if (mine != own.end() && !pending.count(e.key))
+        if (mine != own.end() && !pending.count(e.key) && !up.rolled_back)
             mine->second = e.bytes;
         if (hand_to_subscriptions(QN_MOM_REPLY_SET, e.key, std::string(), e.bytes, true))
             mark_handed_out(e.key, up.at);
     }
     /* Gone from a store that kept its records: someone deleted them. */
-    if (!up.store_reset)
+    if (!up.store_reset && !up.rolled_back)
         std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first) && !pending.count(kv.first); });
+}
+
+/* The store came back from an older copy of itself: every own record it
+ * holds another value of (or none) is written again, with the value this
+ * client wrote or saw last.  Records with a write in the outbox get it
+ * anyway; those someone changed since the client's position are left to
+ * the change log, which brings their newer values. */
+void qn_mom_client::write_back_newer(const mom_link_up &up)
+{
+    std::map<std::string, const mom_entry *> stored;
+    for (const mom_entry &e : up.entries)
+        stored[e.key] = &e;
+    std::set<std::string> skip = pending_keys();
+    skip.insert(up.changed_later.begin(), up.changed_later.end());
+    std::vector<std::pair<std::string, std::string>> newer;
+    for (const auto &[key, bytes] : own) {
+        if (skip.count(key))
+            continue;
+        auto it = stored.find(key);
+        if (it != stored.end() && !it->second->oversized && it->second->bytes == bytes)
+            continue;
+        newer.push_back({key, bytes});
+    }
+    if (newer.empty())
+        return;
+    mom_log(module.c_str(), "the store came back from an older copy: writing back the %zu records it holds older "
+                            "values of",
+            newer.size());
+    for (const auto &[key, bytes] : newer)
+        enqueue(stored.count(key) ? 'S' : 'R', key, bytes);
+    flush();
 }
 
 void qn_mom_client::transport_up(const mom_link_up &up)
@@ -578,7 +617,9 @@ void qn_mom_client::transport_up(const mom_link_up &up)
                 : up.store_reset ? "the store was emptied, its new log is read from the start"
                                  : "the changes missed are read from the store's log");
     }
-    if (up.store_reset)
+    /* Positions of an emptied or rolled-back store's log do not compare
+     * with those handed out before. */
+    if (up.store_reset || up.rolled_back)
         handed_out.clear();
     if (up.snapshot)
         take_snapshot(up);
@@ -588,6 +629,8 @@ void qn_mom_client::transport_up(const mom_link_up &up)
     flush();
     if (up.store_reset)
         restore_own();
+    if (up.rolled_back)
+        write_back_newer(up);
     run_waiting_scans();
     if (again) {
         for (auto &[db, cb] : reconnects)
@@ -638,8 +681,7 @@ std::vector<mom_spec> qn_mom_client::snapshot_specs() const
         if (seen.insert({s.prefix, s.exact}).second)
             out.push_back({s.prefix, s.exact});
     for (const auto &[key, bytes] : own)
-        if (seen.insert({key, true}).second)
-            out.push_back({key, true});
+        out.push_back({key, true, true});
     return out;
 }
 

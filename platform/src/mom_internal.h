@@ -74,14 +74,23 @@ struct mom_link_up {
     bool store_reset = false;   /* the store lost its records since the last link */
     bool snapshot = false;      /* the change log could not fill the gap: entries
                                  * hold the current records asked for */
+    bool rolled_back = false;   /* the store came back from an older copy of
+                                 * itself (same lifetime, a server restart):
+                                 * entries hold the client's own records as
+                                 * stored, but for those in changed_later */
     mom_pos at;                 /* log position of the snapshot */
     std::vector<mom_entry> entries;
+    /* Own records that someone changed after the client's last position: the
+     * change log brings their newer values. */
+    std::vector<std::string> changed_later;
 };
 
-/* What a snapshot must cover: every record under a prefix, or one key. */
+/* What a snapshot must cover: every record under a prefix, or one key.  An
+ * own record (exact) is read also after a roll-back of the store. */
 struct mom_spec {
     std::string prefix;
     bool exact = false;
+    bool own = false;
 };
 
 /* Hooks of the common client, called by the transports from the loop. */
@@ -91,7 +100,7 @@ struct mom_hooks {
     virtual void transport_up(const mom_link_up &up) = 0;
     virtual void transport_down() = 0;
     virtual void transport_change(const mom_change &change) = 0;
-    /* The records a snapshot must read: subscribed types and own records. */
+    /* The records a snapshot must read: subscribed types, then own records. */
     virtual std::vector<mom_spec> snapshot_specs() const = 0;
 };
 

@@ -7,7 +7,10 @@
  * lifetime: when it differs from the one a client knew, the store was emptied
  * (restarted without persistence) and the client reads the new log from its
  * start.  When the log was trimmed past the client's position the client gets
- * the current records instead (a snapshot).
+ * the current records instead (a snapshot).  A store whose server restarted
+ * (a new run id) in the same lifetime, or whose log ends before the client's
+ * position, came back from an older copy of itself: the client is told, with
+ * its own records as stored, and writes back the newer values it holds.
  *
  * Two connections on the daemon's libevent base: one for commands, one that
  * blocks reading the log.  A link that fails, or does not answer in time, is
@@ -73,27 +76,32 @@ const char kDelScript[] =
 
 /* Shared by the scan and sync scripts: the log's last position, and the
  * records that one scan asks for (a prefix, or one exact key) appended to
- * out as key, value (or the value's size when it is over the limit). */
+ * out as key, value (or the value's size when it is over the limit); a key
+ * already in `got` (when given) is not appended twice. */
 const char kReadHelpers[] =
     "local function last_pos(log)\n"
     "  local l = redis.call('XREVRANGE', log, '+', '-', 'COUNT', 1)\n"
     "  if #l > 0 then return l[1][1] end\n"
     "  return '0-0'\n"
     "end\n"
-    "local function add(out, k, limit)\n"
+    "local function add(out, k, limit, got)\n"
+    "  if got then\n"
+    "    if got[k] then return end\n"
+    "    got[k] = true\n"
+    "  end\n"
     "  if redis.call('TYPE', k)['ok'] ~= 'string' then return end\n"
     "  local n = redis.call('STRLEN', k)\n"
     "  out[#out + 1] = k\n"
     "  if n > limit then out[#out + 1] = n else out[#out + 1] = redis.call('GET', k) end\n"
     "end\n"
-    "local function read(out, exact, prefix, glob, limit)\n"
+    "local function read(out, exact, prefix, glob, limit, got)\n"
     "  if exact then\n"
-    "    if redis.call('EXISTS', prefix) == 1 then add(out, prefix, limit) end\n"
+    "    if redis.call('EXISTS', prefix) == 1 then add(out, prefix, limit, got) end\n"
     "    return\n"
     "  end\n"
     "  local keys = redis.call('KEYS', glob)\n"
     "  table.sort(keys)\n"
-    "  for _, k in ipairs(keys) do add(out, k, limit) end\n"
+    "  for _, k in ipairs(keys) do add(out, k, limit, got) end\n"
     "end\n";
 
 /* KEYS: log.  ARGV: prefix, '1' for an exact key, glob of the prefix, size
@@ -105,12 +113,19 @@ const char kScanBody[] =
 
 /* KEYS: log, epoch.  ARGV: the epoch the client knew ('' at its first link),
  * a new epoch should the store have none, the log position the client saw,
- * size limit, then specs ("E" .. key, or "P" .. glob .. NUL .. prefix).
- * Returns epoch, mode, log position, then for mode "snapshot" key, value
- * pairs.  Modes: "first" (read from the position returned), "resume" (read
- * on from the client's position), "restart" (the store was emptied: read the
- * new log from its start), "snapshot" (the log lost changes the client did
- * not see: take the records returned and read on from the position). */
+ * size limit, the server run the client last saw ('' when none), then specs
+ * ("E" .. key or "P" .. glob .. NUL .. prefix for a subscribed type, "O" ..
+ * key for an own record).  Returns epoch, mode, log position, server run,
+ * '1' when the store rolled back, the number of own records changed after
+ * the client's position and their keys, then key, value pairs.  Modes:
+ * "first" (read from the position returned), "resume" (read on from the
+ * client's position), "restart" (the store was emptied: read the new log
+ * from its start), "snapshot" (the log lost changes the client did not see:
+ * take the records returned and read on from the position).  The store
+ * rolled back when, in the same lifetime, its server restarted or its log
+ * ends before the client's position: it came back from an older copy, and
+ * the pairs then hold the own records as stored (every spec's records in a
+ * snapshot). */
 const char kSyncBody[] =
     "local function pos(s)\n"
     "  local a, b = string.match(s, '^(%d+)-(%d+)$')\n"
@@ -135,6 +150,9 @@ const char kSyncBody[] =
     "  if #f > 0 then return before(seen, f[1][1]) end\n"
     "  return generated ~= nil and before(seen, generated)\n"
     "end\n"
+    "local run = ''\n"
+    "local info = redis.pcall('INFO', 'server')\n"
+    "if type(info) == 'string' then run = string.match(info, 'run_id:(%x+)') or '' end\n"
     "local epoch = redis.call('GET', KEYS[2])\n"
     "if not epoch then\n"
     "  redis.call('SET', KEYS[2], ARGV[2])\n"
@@ -142,6 +160,7 @@ const char kSyncBody[] =
     "end\n"
     "local last = last_pos(KEYS[1])\n"
     "local mode = 'resume'\n"
+    "local rolled = false\n"
     "local seen = ARGV[3]\n"
     "if ARGV[1] == '' then\n"
     "  mode = 'first'\n"
@@ -150,21 +169,40 @@ const char kSyncBody[] =
     "  seen = '0-0'\n"
     "elseif before(last, seen) then\n"
     "  mode = 'snapshot'\n"
+    "  rolled = true\n"
+    "elseif ARGV[5] ~= '' and run ~= '' and run ~= ARGV[5] then\n"
+    "  rolled = true\n"
     "end\n"
     "if mode ~= 'first' and mode ~= 'snapshot' and lost_after(KEYS[1], seen) then mode = 'snapshot' end\n"
-    "local out = {epoch, mode, last}\n"
-    "if mode == 'snapshot' then\n"
-    "  local limit = tonumber(ARGV[4])\n"
-    "  for i = 5, #ARGV do\n"
-    "    local s = ARGV[i]\n"
-    "    if string.sub(s, 1, 1) == 'E' then\n"
-    "      read(out, true, string.sub(s, 2), nil, limit)\n"
-    "    else\n"
-    "      local nul = string.find(s, '\\0', 2, true)\n"
-    "      read(out, false, string.sub(s, nul + 1), string.sub(s, 2, nul - 1), limit)\n"
+    "local changed = {}\n"
+    "local later = {}\n"
+    "if rolled and not before(last, seen) then\n"
+    "  for _, e in ipairs(redis.call('XRANGE', KEYS[1], '(' .. seen, '+')) do\n"
+    "    for i = 1, #e[2], 2 do\n"
+    "      if e[2][i] == 'k' then changed[e[2][i + 1]] = true end\n"
     "    end\n"
     "  end\n"
     "end\n"
+    "local limit = tonumber(ARGV[4])\n"
+    "local pairs_out = {}\n"
+    "local got = {}\n"
+    "for i = 6, #ARGV do\n"
+    "  local s = ARGV[i]\n"
+    "  local kind = string.sub(s, 1, 1)\n"
+    "  if kind == 'O' and rolled and changed[string.sub(s, 2)] then\n"
+    "    later[#later + 1] = string.sub(s, 2)\n"
+    "  elseif kind == 'O' and (rolled or mode == 'snapshot') then\n"
+    "    read(pairs_out, true, string.sub(s, 2), nil, limit, got)\n"
+    "  elseif kind == 'E' and mode == 'snapshot' then\n"
+    "    read(pairs_out, true, string.sub(s, 2), nil, limit, got)\n"
+    "  elseif kind == 'P' and mode == 'snapshot' then\n"
+    "    local nul = string.find(s, '\\0', 2, true)\n"
+    "    read(pairs_out, false, string.sub(s, nul + 1), string.sub(s, 2, nul - 1), limit, got)\n"
+    "  end\n"
+    "end\n"
+    "local out = {epoch, mode, last, run, rolled and '1' or '', #later}\n"
+    "for _, k in ipairs(later) do out[#out + 1] = k end\n"
+    "for _, v in ipairs(pairs_out) do out[#out + 1] = v end\n"
     "return out\n";
 
 std::string glob_escape(const std::string &s)
@@ -247,6 +285,7 @@ struct redis_tr : mom_transport {
     int backoff_ms = 100;
 
     std::string epoch;          /* empty until the first link */
+    std::string run_id;         /* the server's run of the last link, when known */
     mom_pos cursor;             /* last change read from the log */
     steady::time_point connect_started;
     steady::time_point last_tick;
@@ -541,9 +580,15 @@ struct redis_tr : mom_transport {
     void start_sync()
     {
         std::vector<std::string> args = {"EVAL", std::string(kReadHelpers) + kSyncBody, "2", kLog, kEpoch, epoch,
-                                         random_hex(), mom_pos_text(cursor), std::to_string(QN_MOM_MAX_VALUE)};
-        for (const mom_spec &s : hooks->snapshot_specs())
-            args.push_back(s.exact ? "E" + s.prefix : "P" + glob_escape(s.prefix) + "*" + std::string(1, '\0') + s.prefix);
+                                         random_hex(), mom_pos_text(cursor), std::to_string(QN_MOM_MAX_VALUE), run_id};
+        for (const mom_spec &s : hooks->snapshot_specs()) {
+            if (s.own)
+                args.push_back("O" + s.prefix);
+            else if (s.exact)
+                args.push_back("E" + s.prefix);
+            else
+                args.push_back("P" + glob_escape(s.prefix) + "*" + std::string(1, '\0') + s.prefix);
+        }
         syncing = true;
         if (send(cmd, args, on_sync, nullptr) != REDIS_OK)
             link_lost("cannot send to the store");
@@ -558,7 +603,8 @@ struct redis_tr : mom_transport {
         if (t->closing || t->cmd != ac || !t->syncing)
             return;
         t->syncing = false;
-        if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 3) {
+        if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 6 || reply->element[5]->type != REDIS_REPLY_INTEGER ||
+            reply->element[5]->integer < 0 || static_cast<size_t>(reply->element[5]->integer) > reply->elements - 6) {
             t->link_lost(reply->type == REDIS_REPLY_ERROR ? reply->str : "unexpected answer to the link start");
             return;
         }
@@ -566,19 +612,26 @@ struct redis_tr : mom_transport {
         std::string mode = text_of(reply->element[1]);
         mom_pos last;
         mom_pos_parse(text_of(reply->element[2]), &last);
+        std::string run = text_of(reply->element[3]);
+        size_t nlater = static_cast<size_t>(reply->element[5]->integer);
         mom_link_up up;
         up.first = t->epoch.empty();
         up.store_reset = !up.first && store_epoch != t->epoch;
+        up.rolled_back = text_of(reply->element[4]) == "1";
+        up.at = last;
+        for (size_t i = 0; i < nlater; ++i)
+            up.changed_later.push_back(text_of(reply->element[6 + i]));
+        up.entries = entries_of(reply, 6 + nlater);
         if (mode == "first") {
             t->cursor = last;
         } else if (mode == "restart") {
             t->cursor = mom_pos{};
         } else if (mode == "snapshot") {
             up.snapshot = true;
-            up.at = last;
-            up.entries = entries_of(reply, 3);
             t->cursor = last;
         }
+        if (!run.empty())
+            t->run_id = run;
         t->epoch = store_epoch;
         t->is_up = true;
         t->backoff_ms = 100;

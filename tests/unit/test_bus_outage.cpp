@@ -442,6 +442,82 @@ TEST_F(BusOutageTest, RecordsWrittenWhileTheLinkWasDownStayTheClientsOwnThroughA
     EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:new", "9:other"}));
 }
 
+/* The store comes back from a copy saved before the node's last writes: same
+ * lifetime, older records.  The node writes back what it wrote since. */
+TEST_F(BusOutageTest, AStoreBackFromAnOlderCopyGetsTheClientsNewerRecordsBack)
+{
+    qn_mom_client_t *owner = client(side_loop(), "OWNER");
+    qn_mom_client_t *reader = client(res_master, "READER");
+    recorder sub;
+    subscribe(reader, &sub);
+    io_record old_value(1, "v1"), kept(3, "kept");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, old_value.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, kept.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_EQ(server.command("SAVE"), "OK");
+    io_record new_value(1, "v2"), after_save(2, "after-save");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, new_value.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, after_save.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_TRUE(run_until([&] { return sub.values.size() == 4; }));
+
+    /* Restarted from the saved copy (the server loads it at start). */
+    server.stop();
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(stored_values(reader), (std::vector<std::string>{"1:v1", "3:kept"}));
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner); }, 8000));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    test_loop_run(20);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(stored_values(reader), (std::vector<std::string>{"1:v2", "2:after-save", "3:kept"}));
+    EXPECT_NE(err.find("qn_mom[OWNER]: the store came back from an older copy: writing back the 2 records it holds "
+                       "older values of"),
+              std::string::npos)
+        << err;
+    /* The subscriber ends on the newer values. */
+    ASSERT_TRUE(run_until([&] { return sub.values.size() >= 6; }));
+    EXPECT_EQ(std::vector<std::string>(sub.values.end() - 2, sub.values.end()),
+              (std::vector<std::string>{"1:v2", "2:after-save"}));
+}
+
+TEST_F(BusOutageTest, AStoreBackFromAnOlderCopyIsSeenAlsoWhenOthersWroteToItFirst)
+{
+    qn_mom_client_t *owner = client(side_loop(), "OWNER");
+    qn_mom_client_t *other = client(res_master, "OTHER");
+    io_record old_value(1, "v1");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, old_value.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_EQ(server.command("SAVE"), "OK");
+    io_record new_value(1, "v2"), second(2, "w2"), third(3, "w3");
+    for (const io_record *rec : {&new_value, &second, &third})
+        ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, rec->msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+
+    server.stop();
+    ASSERT_TRUE(server.start());
+    /* Another node is back first and writes: the log goes on past the
+     * owner's position, so only the server's new run tells the owner.  The
+     * record the other node wrote meanwhile keeps its value. */
+    io_record theirs(9, "other"), newest(3, "theirs");
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other); }, 8000));
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, theirs.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, newest.msg(), 0, 0), 0);
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(other) == 0; }));
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner); }, 8000));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    pump_side([] { return false; }, 200);
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:w2", "3:theirs", "9:other"}));
+    /* And the owner took the other node's value as the one it holds. */
+    restart_store();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner) && qn_mom_client_outbox(owner) == 0; }, 8000));
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:w2", "3:theirs", "9:other"}));
+}
+
 /* ---- value sizes, on both transports ---- */
 
 template <bool Redis>
