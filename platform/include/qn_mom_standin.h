@@ -28,6 +28,8 @@ typedef struct qn_mom_counters {
     unsigned long long dropped_writes;  /* outbox full: oldest write dropped */
     unsigned long long refused_writes;  /* value above QN_MOM_MAX_VALUE */
     unsigned long long refused_reads;   /* stored value above QN_MOM_MAX_VALUE */
+    unsigned long long store_refusals;  /* refusals that pass (out of memory, read-only...): write kept */
+    unsigned long long rejected_writes; /* refused by the store for good: write dropped */
 } qn_mom_counters_t;
 void qn_mom_client_counters(const qn_mom_client_t *client, qn_mom_counters_t *out);
 

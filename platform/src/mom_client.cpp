@@ -3,9 +3,9 @@
  * delivers and hands every reply to its callback as a task of the event loop.
  *
  * It also carries a node through bus outages:
- * - writes made while the link is down wait in an outbox, in order, and go
- *   out when it is back; the outbox keeps at most kOutboxWrites writes and
- *   kOutboxBytes bytes, and drops the oldest first, saying so;
+ * - writes wait in an outbox (mom_outbox.cpp) until the store took them:
+ *   made while the link is down, they go out in order when it is back;
+ *   refused for a reason that passes, they go again after a back-off;
  * - scans asked for while the link is down, or cut by a lost link, run when
  *   it is back;
  * - subscriptions are made and confirmed only on a working link; once made
@@ -32,10 +32,6 @@
 
 namespace {
 
-/* Outbox bound while the link is down: a line card writes about one record
- * every 5 s at the default intervals, so 1024 writes hold more than an hour. */
-constexpr size_t kOutboxWrites = 1024;
-constexpr size_t kOutboxBytes = 8 * 1024 * 1024;
 /* Scans waiting for the link. */
 constexpr size_t kWaitingScans = 256;
 
@@ -56,12 +52,6 @@ struct connect_req {
     bool announced = false;
 };
 
-struct pending_write {
-    char op;                    /* 'S', 'H', 'D', 'R' */
-    std::string key;
-    std::string bytes;
-};
-
 struct scan_req {
     std::string prefix;
     bool exact;
@@ -80,11 +70,6 @@ std::map<std::string, int> &refused_types()
 {
     static std::map<std::string, int> m;
     return m;
-}
-
-const char *op_word(char op)
-{
-    return op == 'D' ? "delete" : "store";
 }
 
 std::string random_writer_id()
@@ -110,9 +95,7 @@ struct qn_mom_client : mom_hooks {
     bool was_up = false;        /* the transport has been up once */
     bool down_since_up = false;
 
-    std::deque<pending_write> outbox;   /* not yet answered by the store, in order */
-    size_t outbox_sent = 0;             /* the first ones of the outbox are on their way */
-    size_t outbox_bytes = 0;
+    mom_outbox outbox;                  /* writes not yet taken by the store */
     std::deque<scan_req> waiting_scans;
     std::map<std::string, std::string> own;     /* last known value of each record we wrote */
     std::map<std::string, mom_pos> handed_out;  /* newest position handed out, per key */
@@ -136,22 +119,12 @@ struct qn_mom_client : mom_hooks {
         return false;
     }
 
-    void enqueue(char op, const std::string &key, const std::string &bytes);
-    void flush();
-    void on_ack(int error, const std::string &why);
     void run_scan(scan_req req);
     void run_waiting_scans();
     void restore_own();
     void take_snapshot(const mom_link_up &up);
     void write_back_newer(const mom_link_up &up);
-    /* Keys with a write in the outbox. */
-    std::set<std::string> pending_keys() const
-    {
-        std::set<std::string> out;
-        for (const pending_write &w : outbox)
-            out.insert(w.key);
-        return out;
-    }
+
     /* Hands a record value or a deletion of `key` to the subscriptions it
      * concerns; whether any took it. */
     bool hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
@@ -363,8 +336,8 @@ int store(qn_mom_client_t *c, char op, const std::string &key, const std::string
         c->own.erase(key);
     else
         c->own[key] = bytes;
-    c->enqueue(op, key, bytes);
-    c->flush();
+    c->outbox.add(op, key, bytes);
+    c->outbox.flush();
     return 0;
 }
 
@@ -424,57 +397,6 @@ void qn_mom_client::announce_connects()
     }
 }
 
-void qn_mom_client::enqueue(char op, const std::string &key, const std::string &bytes)
-{
-    /* Full: the oldest write not yet on its way goes first. */
-    while (outbox_sent < outbox.size() &&
-           (outbox.size() >= kOutboxWrites || outbox_bytes + bytes.size() > kOutboxBytes)) {
-        auto oldest = outbox.begin() + static_cast<std::ptrdiff_t>(outbox_sent);
-        ++counters.dropped_writes;
-        mom_log(module.c_str(),
-                "link down, outbox full (%zu writes, %zu bytes): dropped the oldest, a %s of %s (%llu dropped so far)",
-                outbox.size(), outbox_bytes, op_word(oldest->op), oldest->key.c_str(),
-                static_cast<unsigned long long>(counters.dropped_writes));
-        outbox_bytes -= oldest->bytes.size();
-        outbox.erase(oldest);
-    }
-    outbox.push_back({op, key, bytes});
-    outbox_bytes += bytes.size();
-}
-
-void qn_mom_client::flush()
-{
-    while (transport->up() && outbox_sent < outbox.size()) {
-        pending_write w = outbox[outbox_sent];
-        ++outbox_sent;
-        if (transport->write(w.op, w.key, w.bytes, [this](int error, const std::string &why) { on_ack(error, why); }) !=
-            0) {
-            if (outbox_sent > 0)
-                --outbox_sent;
-            break;
-        }
-    }
-}
-
-/* The store answers writes in the order they were sent: an answer is the
- * first write's. */
-void qn_mom_client::on_ack(int error, const std::string &why)
-{
-    if (error == QN_MOM_ERR_NOTCONN) {
-        /* The link went: every unanswered write goes again on the next one. */
-        outbox_sent = 0;
-        return;
-    }
-    if (outbox.empty() || outbox_sent == 0)
-        return;
-    const pending_write &w = outbox.front();
-    if (error != 0)
-        mom_log(module.c_str(), "%s of %s refused by the store: %s", op_word(w.op), w.key.c_str(), why.c_str());
-    outbox_bytes -= w.bytes.size();
-    outbox.pop_front();
-    --outbox_sent;
-}
-
 void qn_mom_client::run_scan(scan_req req)
 {
     if (transport->up()) {
@@ -514,8 +436,8 @@ void qn_mom_client::restore_own()
         mom_log(module.c_str(), "writing back the %zu records this client keeps, where no one wrote them yet",
                 own.size());
     for (const auto &[key, bytes] : own)
-        enqueue('R', key, bytes);
-    flush();
+        outbox.add('R', key, bytes);
+    outbox.flush();
 }
 
 bool qn_mom_client::hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
@@ -557,7 +479,7 @@ void qn_mom_client::take_snapshot(const mom_link_up &up)
      * wrote last: the store's copy is older, and a record first written
      * while the link was down is not missing, only not yet delivered.  A
      * store that rolled back holds older copies of the others too. */
-    std::set<std::string> pending = pending_keys();
+    std::set<std::string> pending = outbox.keys();
     std::set<std::string> present;
     for (const mom_entry &e : up.entries) {
         present.insert(e.key);
@@ -588,7 +510,7 @@ void qn_mom_client::write_back_newer(const mom_link_up &up)
     std::map<std::string, const mom_entry *> stored;
     for (const mom_entry &e : up.entries)
         stored[e.key] = &e;
-    std::set<std::string> skip = pending_keys();
+    std::set<std::string> skip = outbox.keys();
     skip.insert(up.changed_later.begin(), up.changed_later.end());
     std::vector<std::pair<std::string, std::string>> newer;
     for (const auto &[key, bytes] : own) {
@@ -605,8 +527,8 @@ void qn_mom_client::write_back_newer(const mom_link_up &up)
                             "values of",
             newer.size());
     for (const auto &[key, bytes] : newer)
-        enqueue(stored.count(key) ? 'S' : 'R', key, bytes);
-    flush();
+        outbox.add(stored.count(key) ? 'S' : 'R', key, bytes);
+    outbox.flush();
 }
 
 void qn_mom_client::transport_up(const mom_link_up &up)
@@ -626,7 +548,7 @@ void qn_mom_client::transport_up(const mom_link_up &up)
     bool again = was_up && down_since_up;
     was_up = true;
     down_since_up = false;
-    flush();
+    outbox.flush();
     if (up.store_reset)
         restore_own();
     if (up.rolled_back)
@@ -716,6 +638,7 @@ qn_mom_client_t *qn_mom_client_init(const char *module, qn_thread_master *master
         delete c;
         return nullptr;
     }
+    c->outbox.attach(&c->module, c->transport.get(), master, &c->counters);
     live_clients().insert(c);
     c->transport->start();
     return c;

@@ -4,10 +4,14 @@
 #define QN_MOM_INTERNAL_H
 
 #include "qn_mom.h"
+#include "qn_mom_standin.h"
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,6 +134,58 @@ std::unique_ptr<mom_transport> mom_embedded_create(mom_hooks *hooks, struct qn_t
 std::unique_ptr<mom_transport> mom_redis_create(mom_hooks *hooks, struct qn_thread_master *master,
                                                 const std::string &host, int port, const std::string &user,
                                                 const std::string &password, const std::string &writer_id);
+
+/* ---- the outbox of writes (mom_outbox.cpp) ---- */
+
+class mom_outbox {
+public:
+    mom_outbox() = default;
+    mom_outbox(const mom_outbox &) = delete;
+    mom_outbox &operator=(const mom_outbox &) = delete;
+    ~mom_outbox();
+    /* Where the writes go, the loop of the retry timer and the counters. */
+    void attach(const std::string *module, mom_transport *transport, struct qn_thread_master *master,
+                qn_mom_counters_t *counters);
+    /* Queues a write (op as mom_transport::write); flush() sends it. */
+    void add(char op, const std::string &key, const std::string &bytes);
+    /* Sends what may go now. */
+    void flush();
+    /* Writes not yet taken by the store. */
+    size_t size() const { return writes.size(); }
+    /* Keys with a write not yet taken. */
+    std::set<std::string> keys() const;
+
+private:
+    struct entry {
+        uint64_t id = 0;
+        char op = 'S';
+        std::string key;
+        std::string bytes;
+        bool in_flight = false;     /* sent, answer awaited */
+        bool refused = false;       /* refused for a reason that passes: goes again */
+    };
+    bool may_send() const;
+    std::deque<entry>::iterator find(uint64_t id);
+    void drop(std::deque<entry>::iterator it);
+    void answered(uint64_t id, int error, const std::string &why);
+    void taken(std::deque<entry>::iterator it);
+    void refused(std::deque<entry>::iterator it, const std::string &why);
+    static void on_retry(int fd, short what, void *arg);
+
+    const std::string *module = nullptr;
+    mom_transport *transport = nullptr;
+    struct qn_thread_master *loop = nullptr;
+    qn_mom_counters_t *counters = nullptr;
+    std::deque<entry> writes;       /* in the order made */
+    size_t bytes_held = 0;
+    size_t in_flight = 0;
+    uint64_t next_id = 1;
+    bool flushing = false;
+    struct event *retry = nullptr;
+    int retry_ms = 100;
+    bool refusing = false;          /* in a run of refusals */
+    std::chrono::steady_clock::time_point refusing_logged;
+};
 
 /* Diagnostics of the client go to stderr, one line each, "qn_mom[<module>]: ". */
 void mom_log(const char *module, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -78,6 +78,24 @@ class Edges(unittest.TestCase):
         self.assertNotIn("\x1b", out)
         self.assertNotIn("\x07", out)
 
+    def test_qn_bus_fails_when_the_store_refuses_its_writes(self):
+        self.redis = RedisServer(self.tmp.path)
+        self.redis.start()
+        bus = QnBus(self.tmp.path, self.redis)
+        inventory = write_inventory(self.tmp.path, INVENTORY)
+        bus.ok("inventory", inventory)
+        self.assertEqual(self.redis.cli("CONFIG", "SET", "maxmemory", "1"), "OK")
+        code, _, err = bus.run("inventory", inventory)
+        self.assertEqual(code, 1, err)
+        self.assertIn("refused by the store: OOM command not allowed", err)
+        self.assertRegex(err.strip().splitlines()[-1],
+                         r"^qn-bus: inventory: the store refused \d+ writes? \(\d+ refusals?\), 4 not made$")
+        code, _, err = bus.run("offline", 5)
+        self.assertEqual(code, 1, err)
+        self.assertRegex(err.strip().splitlines()[-1], r"^qn-bus: offline: the store refused 1 write")
+        self.assertEqual(self.redis.cli("CONFIG", "SET", "maxmemory", "0"), "OK")
+        bus.ok("offline", 5)
+
     def test_daemon_whose_redis_is_not_there_says_so_and_connects_when_it_comes(self):
         self.redis = RedisServer(self.tmp.path)
         m = self.node("cm", node_config(self.redis, 0, 1, 1, 2, 0, "CM"))
