@@ -21,6 +21,7 @@
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +35,10 @@ namespace {
 
 /* Scans waiting for the link. */
 constexpr size_t kWaitingScans = 256;
+/* A link lost this soon after it came back is flapping; lines about a
+ * flapping link are said at most this often. */
+constexpr auto kFlapping = std::chrono::seconds(10);
+constexpr auto kFlapLinesEvery = std::chrono::seconds(60);
 
 struct subscription {
     uint64_t id;
@@ -94,6 +99,11 @@ struct qn_mom_client : mom_hooks {
     uint64_t next_sub_id = 1;
     bool was_up = false;        /* the transport has been up once */
     bool down_since_up = false;
+    /* Lines about a link that keeps failing right after it came up are said
+     * once a minute, with the count of those not said. */
+    std::chrono::steady_clock::time_point up_at, lost_logged;
+    bool lost_quiet = false;    /* the last loss was not said, nor its return */
+    unsigned long long quiet_losses = 0;
 
     mom_outbox outbox;                  /* writes not yet taken by the store */
     std::deque<scan_req> waiting_scans;
@@ -103,7 +113,7 @@ struct qn_mom_client : mom_hooks {
 
     const char *module_name() const override { return module.c_str(); }
     void transport_up(const mom_link_up &up) override;
-    void transport_down() override;
+    void transport_down(const std::string &why) override;
     void transport_change(const mom_change &change) override;
     std::vector<mom_spec> snapshot_specs() const override;
 
@@ -533,7 +543,8 @@ void qn_mom_client::write_back_newer(const mom_link_up &up)
 
 void qn_mom_client::transport_up(const mom_link_up &up)
 {
-    if (was_up && down_since_up) {
+    up_at = std::chrono::steady_clock::now();
+    if (was_up && down_since_up && !lost_quiet) {
         mom_log(module.c_str(), "link to the store is back, %zu subscriptions stand; %s", subs.size(),
                 up.snapshot      ? "changes were lost from the store's log, the current records are read"
                 : up.store_reset ? "the store was emptied, its new log is read from the start"
@@ -562,11 +573,27 @@ void qn_mom_client::transport_up(const mom_link_up &up)
     announce_connects();
 }
 
-void qn_mom_client::transport_down()
+void qn_mom_client::transport_down(const std::string &why)
 {
-    if (!down_since_up)
-        mom_log(module.c_str(), "link to the store lost, retrying");
+    if (down_since_up)
+        return;
     down_since_up = true;
+    auto now = std::chrono::steady_clock::now();
+    bool flapping = now - up_at < kFlapping;
+    if (flapping && lost_logged.time_since_epoch().count() != 0 && now - lost_logged < kFlapLinesEvery) {
+        lost_quiet = true;
+        ++quiet_losses;
+        return;
+    }
+    lost_quiet = false;
+    lost_logged = now;
+    if (quiet_losses > 0)
+        mom_log(module.c_str(), "link to the store lost: %s; retrying (%llu more losses right after the link came "
+                                "back were not said)",
+                why.c_str(), quiet_losses);
+    else
+        mom_log(module.c_str(), "link to the store lost: %s; retrying", why.c_str());
+    quiet_losses = 0;
 }
 
 void qn_mom_client::transport_change(const mom_change &c)

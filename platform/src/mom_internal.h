@@ -102,7 +102,8 @@ struct mom_hooks {
     virtual ~mom_hooks() = default;
     virtual const char *module_name() const = 0;
     virtual void transport_up(const mom_link_up &up) = 0;
-    virtual void transport_down() = 0;
+    /* The link went; why, as the store or the system said it. */
+    virtual void transport_down(const std::string &why) = 0;
     virtual void transport_change(const mom_change &change) = 0;
     /* The records a snapshot must read: subscribed types, then own records. */
     virtual std::vector<mom_spec> snapshot_specs() const = 0;

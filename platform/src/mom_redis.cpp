@@ -49,6 +49,9 @@ const auto kConnectTimeout = std::chrono::seconds(3);
 const auto kReadTimeout = std::chrono::seconds(6);
 const auto kCommandTimeout = std::chrono::seconds(10);
 const auto kStillUnreachableEvery = std::chrono::seconds(60);
+/* A link that stood this long was a working one: the next attempt after it
+ * goes fast again.  One that failed sooner keeps the back-off growing. */
+const auto kStableLink = std::chrono::seconds(10);
 
 /* KEYS: record key, log.  ARGV: value, op, writer, size limit, log length,
  * '1' to write only when the key is missing. */
@@ -288,6 +291,7 @@ struct redis_tr : mom_transport {
     std::string run_id;         /* the server's run of the last link, when known */
     mom_pos cursor;             /* last change read from the log */
     steady::time_point connect_started;
+    steady::time_point up_since;
     steady::time_point last_tick;
     bool reading = false;
     steady::time_point read_sent;
@@ -376,8 +380,10 @@ struct redis_tr : mom_transport {
         sent.clear();
         if (watchdog)
             event_del(watchdog);
+        if (was_up && steady::now() - up_since >= kStableLink)
+            backoff_ms = 100;
         if (was_up)
-            hooks->transport_down();
+            hooks->transport_down(why);
         else
             note_unreachable(why);
         schedule_retry();
@@ -436,11 +442,16 @@ struct redis_tr : mom_transport {
 
     static redis_tr *of(const redisAsyncContext *ac) { return static_cast<redis_tr *>(ac->data); }
 
+    /* A refused AUTH fails the attempt with its reason (said once, then
+     * once a minute, as every reason the store cannot be reached). */
     static void on_auth(redisAsyncContext *ac, void *r, void *)
     {
         auto *reply = static_cast<redisReply *>(r);
-        if (reply && reply->type == REDIS_REPLY_ERROR && ac->data)
-            mom_log(of(ac)->hooks->module_name(), "redis AUTH refused: %s", reply->str);
+        if (!reply || reply->type != REDIS_REPLY_ERROR || !ac->data)
+            return;
+        redis_tr *t = of(ac);
+        if (!t->closing && (t->cmd == ac || t->lis == ac))
+            t->link_lost(std::string("redis AUTH refused: ") + reply->str);
     }
 
     static void on_connect(const redisAsyncContext *ac, int status)
@@ -634,7 +645,7 @@ struct redis_tr : mom_transport {
             t->run_id = run;
         t->epoch = store_epoch;
         t->is_up = true;
-        t->backoff_ms = 100;
+        t->up_since = steady::now();
         t->unreachable = false;
         t->last_error.clear();
         t->read_log();

@@ -91,4 +91,44 @@ TEST_F(BusLinkTest, TheConnectionsToTheStoreAreClosedOnExec)
         EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "fd " << fd;
 }
 
+/* "name:value" lines of INFO stats as a number. */
+long info_stat(const test_redis &server, const std::string &name)
+{
+    std::string text = server.command("INFO stats");
+    size_t at = text.find(name + ":");
+    return at == std::string::npos ? -1 : atol(text.c_str() + at + name.size() + 1);
+}
+
+size_t count_of(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+/* The user may run the scripts but not read the change log: every link
+ * fails right after it came up. */
+TEST_F(BusLinkTest, ALinkThatFailsRightAfterComingUpBacksOffAndSaysWhyOnce)
+{
+    ASSERT_EQ(server.command("ACL SETUSER reader on >pw ~* +@all -xread"), "OK");
+    long before = info_stat(server, "total_connections_received");
+    testing::internal::CaptureStderr();
+    qn_mom_client_t *c = client(local_url(), "user = reader\npassword = pw\n");
+    ASSERT_NE(c, nullptr);
+    test_loop_run(400); /* 4 s */
+    std::string err = testing::internal::GetCapturedStderr();
+    long connections = info_stat(server, "total_connections_received") - before;
+    EXPECT_NE(err.find("qn_mom[NODE]: link to the store lost: NOPERM this user has no permissions to run the 'xread' "
+                       "command; retrying"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(count_of(err, "link to the store lost"), 1u) << err;
+    EXPECT_LE(count_of(err, "link to the store is back"), 1u) << err;
+    /* Back-off from 100 ms doubling to 2 s: 6 attempts of two connections
+     * in 4 s (a link that came up does not reset it). */
+    EXPECT_GE(connections, 4);
+    EXPECT_LE(connections, 16) << err;
+}
+
 } // namespace
