@@ -13,19 +13,25 @@
  * its own records as stored, and writes back the newer values it holds.
  *
  * Two connections on the daemon's libevent base: one for commands, one that
- * blocks reading the log.  A link that fails, or does not answer in time, is
+ * blocks reading the log.  A host name is resolved on the same base (evdns:
+ * /etc/hosts, then the servers of /etc/resolv.conf), never by a blocking
+ * call, and both connections go to the address found (IPv4 first).  A link that fails, or does not answer in time, is
  * dropped whole and retried with back-off.  Values above QN_MOM_MAX_VALUE are
  * refused by the write script and never read back by a scan, so no reply and
  * no log entry carries one. */
 #include "mom_internal.h"
 #include "qn_thread_standin.h"
 
+#include <event2/dns.h>
 #include <event2/event.h>
+#include <event2/util.h>
 #include <hiredis/async.h>
 #include <hiredis/hiredis.h>
 #include <hiredis/adapters/libevent.h>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
@@ -276,6 +282,9 @@ struct redis_tr : mom_transport {
     std::string user, password;
     std::string writer;
     std::string url;
+    bool numeric_host = false;  /* an address: nothing to resolve */
+    evdns_base *dns = nullptr;
+    evdns_getaddrinfo_request *resolving = nullptr;
     redisAsyncContext *cmd = nullptr;
     redisAsyncContext *lis = nullptr;
     bool cmd_connected = false;
@@ -306,6 +315,9 @@ struct redis_tr : mom_transport {
           writer(std::move(w))
     {
         url = "redis://" + host + ":" + std::to_string(port);
+        unsigned char addr[sizeof(struct in6_addr)];
+        numeric_host = evutil_inet_pton(AF_INET, host.c_str(), addr) == 1 ||
+                       evutil_inet_pton(AF_INET6, host.c_str(), addr) == 1;
         retry = evtimer_new(base, on_retry, this);
         watchdog = event_new(base, -1, EV_PERSIST, on_watchdog, this);
     }
@@ -313,6 +325,9 @@ struct redis_tr : mom_transport {
     ~redis_tr() override
     {
         closing = true;
+        cancel_resolving();
+        if (dns)
+            evdns_base_free(dns, 0);
         if (retry)
             event_free(retry);
         if (watchdog)
@@ -327,6 +342,14 @@ struct redis_tr : mom_transport {
     std::string link_error() const override { return last_error.empty() ? std::string() : url + ": " + last_error; }
 
     static void on_retry(evutil_socket_t, short, void *arg) { static_cast<redis_tr *>(arg)->connect_all(); }
+
+    void cancel_resolving()
+    {
+        evdns_getaddrinfo_request *r = resolving;
+        resolving = nullptr;
+        if (r)
+            evdns_getaddrinfo_cancel(r);
+    }
 
     void drop(redisAsyncContext **ac)
     {
@@ -375,6 +398,7 @@ struct redis_tr : mom_transport {
         cmd_connected = lis_connected = false;
         /* Freeing a context answers its pending commands with no reply:
          * the client keeps those writes and scans for the next link. */
+        cancel_resolving();
         drop(&cmd);
         drop(&lis);
         sent.clear();
@@ -389,9 +413,9 @@ struct redis_tr : mom_transport {
         schedule_retry();
     }
 
-    redisAsyncContext *open_one()
+    redisAsyncContext *open_one(const std::string &address)
     {
-        redisAsyncContext *ac = redisAsyncConnect(host.c_str(), port);
+        redisAsyncContext *ac = redisAsyncConnect(address.c_str(), port);
         if (!ac)
             return nullptr;
         if (ac->err) {
@@ -425,19 +449,72 @@ struct redis_tr : mom_transport {
         return ac;
     }
 
+    /* An attempt: the address of the host (the watchdog bounds the whole
+     * attempt, resolution included), then both connections. */
     void connect_all()
     {
-        if (closing || cmd || lis)
+        if (closing || cmd || lis || resolving)
             return;
         connect_started = last_tick = steady::now();
-        cmd = open_one();
-        lis = cmd ? open_one() : nullptr;
-        if (!cmd || !lis) {
-            link_lost(last_error.empty() ? "cannot open a connection" : last_error);
-            return;
-        }
         struct timeval second = {1, 0};
         event_add(watchdog, &second);
+        if (numeric_host) {
+            open_both(host);
+            return;
+        }
+        if (!dns)
+            dns = evdns_base_new(base, EVDNS_BASE_INITIALIZE_NAMESERVERS | EVDNS_BASE_DISABLE_WHEN_INACTIVE);
+        if (!dns) {
+            link_lost("cannot set up name resolution");
+            return;
+        }
+        evutil_addrinfo hints{};
+        hints.ai_family = AF_UNSPEC;
+        hints.ai_socktype = SOCK_STREAM;
+        hints.ai_protocol = IPPROTO_TCP;
+        /* Null when the answer came at once (the callback ran already). */
+        resolving = evdns_getaddrinfo(dns, host.c_str(), nullptr, &hints, on_resolved, this);
+    }
+
+    static void on_resolved(int error, evutil_addrinfo *res, void *arg)
+    {
+        if (error == EVUTIL_EAI_CANCEL) {
+            if (res)
+                evutil_freeaddrinfo(res);
+            return; /* the attempt was given up (or the client is going) */
+        }
+        auto *t = static_cast<redis_tr *>(arg);
+        t->resolving = nullptr;
+        std::string address;
+        for (int family : {AF_INET, AF_INET6}) {
+            for (evutil_addrinfo *a = res; a && address.empty(); a = a->ai_next) {
+                if (a->ai_family != family)
+                    continue;
+                char text[64];
+                const void *where = family == AF_INET
+                                        ? static_cast<const void *>(&reinterpret_cast<sockaddr_in *>(a->ai_addr)->sin_addr)
+                                        : static_cast<const void *>(&reinterpret_cast<sockaddr_in6 *>(a->ai_addr)->sin6_addr);
+                if (evutil_inet_ntop(family, where, text, sizeof text))
+                    address = text;
+            }
+        }
+        if (res)
+            evutil_freeaddrinfo(res);
+        if (t->closing)
+            return;
+        if (address.empty()) {
+            t->link_lost(error ? evutil_gai_strerror(error) : "the name has no address");
+            return;
+        }
+        t->open_both(address);
+    }
+
+    void open_both(const std::string &address)
+    {
+        cmd = open_one(address);
+        lis = cmd ? open_one(address) : nullptr;
+        if (!cmd || !lis)
+            link_lost(last_error.empty() ? "cannot open a connection" : last_error);
     }
 
     static redis_tr *of(const redisAsyncContext *ac) { return static_cast<redis_tr *>(ac->data); }

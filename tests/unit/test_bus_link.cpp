@@ -91,6 +91,15 @@ TEST_F(BusLinkTest, TheConnectionsToTheStoreAreClosedOnExec)
         EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "fd " << fd;
 }
 
+/* A host name is resolved on the loop (here from /etc/hosts) and both
+ * connections go to the address found. */
+TEST_F(BusLinkTest, AHostNameIsResolvedAndConnectedTo)
+{
+    qn_mom_client_t *c = client("redis://localhost:" + std::to_string(server.port));
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(c); }));
+    EXPECT_EQ(fds_connected_to(server.port).size(), 2u);
+}
+
 /* "name:value" lines of INFO stats as a number. */
 long info_stat(const test_redis &server, const std::string &name)
 {
