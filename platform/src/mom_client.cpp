@@ -108,7 +108,14 @@ struct qn_mom_client : mom_hooks {
     mom_outbox outbox;                  /* writes not yet taken by the store */
     std::deque<scan_req> waiting_scans;
     std::map<std::string, std::string> own;     /* last known value of each record we wrote */
-    std::map<std::string, mom_pos> handed_out;  /* newest position handed out, per key */
+    /* Newest position handed out, per key, while it matters: a scan on its
+     * way read the store at a position of its own, and must not hand out a
+     * value older than one the change feed handed out meanwhile.  A scan
+     * sent later reads at or after the feed's position, so an entry at or
+     * below it is dropped once no scan is on its way. */
+    std::map<std::string, mom_pos> handed_out;
+    mom_pos feed_pos;                   /* the change feed's position */
+    size_t scans_in_flight = 0;
     qn_mom_counters_t counters{};
 
     const char *module_name() const override { return module.c_str(); }
@@ -147,9 +154,18 @@ struct qn_mom_client : mom_hooks {
     }
     void mark_handed_out(const std::string &key, const mom_pos &at)
     {
+        if (scans_in_flight == 0 && at <= feed_pos) {
+            handed_out.erase(key);
+            return;
+        }
         mom_pos &p = handed_out[key];
         if (p < at)
             p = at;
+    }
+    void prune_handed_out()
+    {
+        if (scans_in_flight == 0)
+            std::erase_if(handed_out, [this](const auto &kv) { return kv.second <= feed_pos; });
     }
 };
 
@@ -411,16 +427,19 @@ void qn_mom_client::run_scan(scan_req req)
 {
     if (transport->up()) {
         scan_req again = req;
+        ++scans_in_flight;
         int ret = transport->scan(req.prefix, req.exact,
                                   [this, again](int error, mom_pos at, std::vector<mom_entry> entries) {
-                                      if (error == QN_MOM_ERR_NOTCONN) {
+                                      if (error == QN_MOM_ERR_NOTCONN)
                                           waiting_scans.push_back(again);
-                                          return;
-                                      }
-                                      again.done(error, at, std::move(entries));
+                                      else
+                                          again.done(error, at, std::move(entries));
+                                      --scans_in_flight;
+                                      prune_handed_out();
                                   });
         if (ret == 0)
             return;
+        --scans_in_flight;
     }
     if (waiting_scans.size() >= kWaitingScans) {
         mom_log(module.c_str(), "link down, %zu scans waiting: the oldest, of %s, ends unanswered", waiting_scans.size(),
@@ -554,6 +573,7 @@ void qn_mom_client::transport_up(const mom_link_up &up)
      * with those handed out before. */
     if (up.store_reset || up.rolled_back)
         handed_out.clear();
+    feed_pos = up.from;
     if (up.snapshot)
         take_snapshot(up);
     bool again = was_up && down_since_up;
@@ -598,6 +618,8 @@ void qn_mom_client::transport_down(const std::string &why)
 
 void qn_mom_client::transport_change(const mom_change &c)
 {
+    if (feed_pos < c.pos)
+        feed_pos = c.pos;
     if (!c.from_self) {
         auto mine = own.find(c.key);
         if (mine != own.end()) {
@@ -620,6 +642,7 @@ void qn_mom_client::transport_change(const mom_change &c)
     int type = c.op == 'D' ? QN_MOM_REPLY_DEL : c.op == 'H' ? QN_MOM_REPLY_HSET : QN_MOM_REPLY_SET;
     if (hand_to_subscriptions(type, c.key, c.old_bytes, c.new_bytes, false))
         mark_handed_out(c.key, c.pos);
+    prune_handed_out();
 }
 
 std::vector<mom_spec> qn_mom_client::snapshot_specs() const
@@ -819,6 +842,11 @@ size_t qn_mom_client_link_error(const qn_mom_client_t *c, char *buf, size_t size
     if (buf && size > 0)
         snprintf(buf, size, "%s", why.c_str());
     return why.size();
+}
+
+size_t qn_mom_client_tracked_keys(const qn_mom_client_t *c)
+{
+    return c ? c->handed_out.size() : 0;
 }
 
 size_t qn_mom_client_outbox(const qn_mom_client_t *c)

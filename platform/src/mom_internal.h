@@ -83,6 +83,7 @@ struct mom_link_up {
                                  * entries hold the client's own records as
                                  * stored, but for those in changed_later */
     mom_pos at;                 /* log position of the snapshot */
+    mom_pos from;               /* the change feed goes on after this position */
     std::vector<mom_entry> entries;
     /* Own records that someone changed after the client's last position: the
      * change log brings their newer values. */

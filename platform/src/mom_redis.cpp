@@ -718,6 +718,7 @@ struct redis_tr : mom_transport {
             up.snapshot = true;
             t->cursor = last;
         }
+        up.from = t->cursor;
         if (!run.empty())
             t->run_id = run;
         t->epoch = store_epoch;
