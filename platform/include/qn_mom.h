@@ -73,6 +73,9 @@ typedef struct qn_mom_client qn_mom_client_t;
 /* The largest record value the client writes or reads, in bytes; the
  * records of this system stay below 4 KiB. */
 #define QN_MOM_MAX_VALUE 65536
+/* The longest storage key the client writes or reads, in bytes; a longer
+ * one is refused (QN_MOM_ERR_PARAM) or skipped, with a line on stderr. */
+#define QN_MOM_MAX_KEY 512
 
 typedef struct qn_mom_res {
     int error;                      /* non-zero: no usable value */

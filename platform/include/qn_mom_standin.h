@@ -33,6 +33,7 @@ typedef struct qn_mom_counters {
     unsigned long long refused_reads;   /* stored value above QN_MOM_MAX_VALUE */
     unsigned long long store_refusals;  /* refusals that pass (out of memory, read-only...): write kept */
     unsigned long long rejected_writes; /* refused by the store for good: write dropped */
+    unsigned long long refused_keys;    /* key above QN_MOM_MAX_KEY, written or read */
 } qn_mom_counters_t;
 void qn_mom_client_counters(const qn_mom_client_t *client, qn_mom_counters_t *out);
 

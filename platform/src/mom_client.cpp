@@ -152,6 +152,25 @@ struct qn_mom_client : mom_hooks {
         auto it = handed_out.find(key);
         return it == handed_out.end() || it->second <= at;
     }
+    /* Counts and reports a stored value not read for its size. */
+    void refuse_read(const std::string &key, size_t size)
+    {
+        ++counters.refused_reads;
+        mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
+                key.c_str(), size, QN_MOM_MAX_VALUE, static_cast<unsigned long long>(counters.refused_reads));
+    }
+    /* Whether a key is over QN_MOM_MAX_KEY: counted and reported (its start
+     * only), and neither written nor read. */
+    bool key_too_long(const std::string &key, const char *what)
+    {
+        if (key.size() <= QN_MOM_MAX_KEY)
+            return false;
+        ++counters.refused_keys;
+        mom_log(module.c_str(), "%s a key of %zu bytes (%s...): over the %d-byte limit (%llu refused so far)", what,
+                key.size(), key.substr(0, 64).c_str(), QN_MOM_MAX_KEY,
+                static_cast<unsigned long long>(counters.refused_keys));
+        return true;
+    }
     void mark_handed_out(const std::string &key, const mom_pos &at)
     {
         if (scans_in_flight == 0 && at <= feed_pos) {
@@ -356,6 +375,8 @@ int store(qn_mom_client_t *c, char op, const std::string &key, const std::string
 {
     if (!c->accepting())
         return QN_MOM_ERR_NOTCONN;
+    if (c->key_too_long(key, "refused to write"))
+        return QN_MOM_ERR_PARAM;
     if (op != 'D' && bytes.size() > QN_MOM_MAX_VALUE)
         return refuse_too_big(c, key, bytes.size());
     if (op == 'D')
@@ -512,10 +533,10 @@ void qn_mom_client::take_snapshot(const mom_link_up &up)
     std::set<std::string> present;
     for (const mom_entry &e : up.entries) {
         present.insert(e.key);
+        if (key_too_long(e.key, "did not read"))
+            continue;
         if (e.oversized) {
-            ++counters.refused_reads;
-            mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                    e.key.c_str(), e.size, QN_MOM_MAX_VALUE, static_cast<unsigned long long>(counters.refused_reads));
+            refuse_read(e.key, e.size);
             continue;
         }
         auto mine = own.find(e.key);
@@ -620,6 +641,8 @@ void qn_mom_client::transport_change(const mom_change &c)
 {
     if (feed_pos < c.pos)
         feed_pos = c.pos;
+    if (key_too_long(c.key, "did not read"))
+        return;
     if (!c.from_self) {
         auto mine = own.find(c.key);
         if (mine != own.end()) {
@@ -630,10 +653,7 @@ void qn_mom_client::transport_change(const mom_change &c)
         }
     }
     if (c.op != 'D' && c.new_bytes.size() > QN_MOM_MAX_VALUE) {
-        ++counters.refused_reads;
-        mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                c.key.c_str(), c.new_bytes.size(), QN_MOM_MAX_VALUE,
-                static_cast<unsigned long long>(counters.refused_reads));
+        refuse_read(c.key, c.new_bytes.size());
         return;
     }
     auto seen = handed_out.find(c.key);
@@ -749,12 +769,10 @@ int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern
         if (!live_clients().count(c))
             return;
         for (const mom_entry &e : entries) {
+            if (c->key_too_long(e.key, "did not read"))
+                continue;
             if (e.oversized) {
-                ++c->counters.refused_reads;
-                mom_log(c->module.c_str(),
-                        "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                        e.key.c_str(), e.size, QN_MOM_MAX_VALUE,
-                        static_cast<unsigned long long>(c->counters.refused_reads));
+                c->refuse_read(e.key, e.size);
                 continue;
             }
             if (!c->fresh(e.key, at))

@@ -613,6 +613,67 @@ void keys_from_the_bus_are_escaped_in_diagnostics(qn_mom_client_t *c)
     EXPECT_EQ(err.find('\x07'), std::string::npos);
 }
 
+void keys_over_the_limit_are_refused_on_write(qn_mom_client_t *c)
+{
+    const std::string prefix = "qnmom:12:p_utils.stovig_io:";
+    std::string at_limit = prefix + std::string(QN_MOM_MAX_KEY - prefix.size(), '7');
+    std::string over = prefix + std::string(QN_MOM_MAX_KEY + 1 - prefix.size(), '8');
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qn_mom_set_raw(c, QN_MOM_MONITOR_DB, over.c_str(), "x", 1), QN_MOM_ERR_PARAM);
+    EXPECT_EQ(qn_mom_set_raw(c, QN_MOM_MONITOR_DB, at_limit.c_str(), "x", 1), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    qn_mom_counters_t n{};
+    qn_mom_client_counters(c, &n);
+    EXPECT_EQ(n.refused_keys, 1u);
+    EXPECT_NE(err.find("qn_mom[NODE]: refused to write a key of 513 bytes (qnmom:12:p_utils.stovig_io:8888"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("...): over the 512-byte limit (1 refused so far)"), std::string::npos) << err;
+}
+
+TEST_F(BusValueSizeEmbedded, KeysOverTheLimitAreRefusedOnWrite)
+{
+    keys_over_the_limit_are_refused_on_write(c);
+}
+
+TEST_F(BusValueSizeRedis, KeysOverTheLimitAreRefusedOnWrite)
+{
+    keys_over_the_limit_are_refused_on_write(c);
+}
+
+/* Written by another tool: neither a scan nor the change feed takes it. */
+TEST_F(BusValueSizeRedis, AKeyOverTheLimitInTheStoreIsNeitherReadNorDelivered)
+{
+    recorder sub;
+    io_record pattern(0, "");
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &sub), 0);
+    ASSERT_TRUE(run_until([&] { return !sub.kinds.empty(); }));
+    sub.kinds.clear();
+    io_record rec(1, "sda");
+    size_t len = protobuf_c_message_get_packed_size(rec.msg());
+    std::string bytes(len, '\0');
+    protobuf_c_message_pack(rec.msg(), reinterpret_cast<uint8_t *>(bytes.data()));
+    const std::string key = "qnmom:12:p_utils.stovig_io:" + std::string(100000, '9');
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(server->command("SET %b %b", key.data(), key.size(), bytes.data(), bytes.size()), "OK");
+    std::string id = server->command("XADD qnmom:stream * o S k %b v %b p '' w someone", key.data(), key.size(),
+                                     bytes.data(), bytes.size());
+    EXPECT_FALSE(id.empty());
+    recorder scan;
+    ASSERT_EQ(qn_mom_scan(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &scan), 0);
+    ASSERT_TRUE(run_until([&] { return scan.scan_over; }));
+    test_loop_run(20);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(scan.values.empty());
+    EXPECT_TRUE(sub.values.empty());
+    qn_mom_counters_t n{};
+    qn_mom_client_counters(c, &n);
+    EXPECT_EQ(n.refused_keys, 2u);
+    EXPECT_NE(err.find("did not read a key of 100027 bytes (qnmom:12:p_utils.stovig_io:9999"), std::string::npos)
+        << err.substr(0, 2000);
+    EXPECT_LT(err.size(), 2000u); /* the key itself is not printed */
+}
+
 TEST_F(BusValueSizeEmbedded, KeysFromTheBusAreEscapedInDiagnostics)
 {
     keys_from_the_bus_are_escaped_in_diagnostics(c);
