@@ -1,7 +1,7 @@
 /* Redis transport.  Records are strings under their storage keys.  Every
  * change is made by a server-side script that also appends it, with the old
  * and the new value, to one change log, the stream "qnmom:stream" (trimmed to
- * about kLogLength entries).  Each client reads that log from the position it
+ * about kLogLength entries and kLogBytes bytes).  Each client reads that log from the position it
  * last saw, so a client whose link dropped reads, once it is back, every
  * change it missed, in order.  The key "qnmom:epoch" names the store's
  * lifetime: when it differs from the one a client knew, the store was emptied
@@ -59,9 +59,27 @@ const auto kStillUnreachableEvery = std::chrono::seconds(60);
  * goes fast again.  One that failed sooner keeps the back-off growing. */
 const auto kStableLink = std::chrono::seconds(10);
 
+/* The log is bounded in bytes too: each entry holds a new and an old value,
+ * so 4096 entries of 64 KiB values would take 512 MiB.  After an entry of more
+ * than 4 KiB (4096 smaller ones stay under about 32 MiB) the script asks the
+ * server how much memory the log takes (an estimate from sampled nodes) and,
+ * above kLogBytes, trims the oldest entries in proportion. */
+const char kLogBytes[] = "33554432";
+const char kTrimHelper[] =
+    "local function trim_bytes(log, payload, bound)\n"
+    "  if payload <= 4096 then return end\n"
+    "  local used = redis.pcall('MEMORY', 'USAGE', log, 'SAMPLES', '16')\n"
+    "  if type(used) ~= 'number' or used <= bound then return end\n"
+    "  local n = redis.call('XLEN', log)\n"
+    "  local keep = math.floor(n * bound / used * 0.9)\n"
+    "  if keep >= n then keep = n - 1 end\n"
+    "  if keep < 1 then keep = 1 end\n"
+    "  redis.call('XTRIM', log, 'MAXLEN', keep)\n"
+    "end\n";
+
 /* KEYS: record key, log.  ARGV: value, op, writer, size limit, log length,
- * '1' to write only when the key is missing. */
-const char kSetScript[] =
+ * '1' to write only when the key is missing, log bytes. */
+const char kSetBody[] =
     "if string.len(ARGV[1]) > tonumber(ARGV[4]) then\n"
     "  return redis.error_reply('value of ' .. string.len(ARGV[1]) .. ' bytes is over the limit')\n"
     "end\n"
@@ -71,16 +89,18 @@ const char kSetScript[] =
     "redis.call('SET', KEYS[1], ARGV[1])\n"
     "redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[5], '*', 'o', ARGV[2], 'k', KEYS[1], 'v', ARGV[1], "
     "'p', old, 'w', ARGV[3])\n"
+    "trim_bytes(KEYS[2], string.len(ARGV[1]) + string.len(old), tonumber(ARGV[7]))\n"
     "return 1\n";
 
-/* KEYS: record key, log.  ARGV: writer, size limit, log length. */
-const char kDelScript[] =
+/* KEYS: record key, log.  ARGV: writer, size limit, log length, log bytes. */
+const char kDelBody[] =
     "local old = redis.call('GET', KEYS[1])\n"
     "if not old then return 0 end\n"
     "redis.call('DEL', KEYS[1])\n"
     "if string.len(old) > tonumber(ARGV[2]) then old = '' end\n"
     "redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[3], '*', 'o', 'D', 'k', KEYS[1], 'v', '', 'p', old, "
     "'w', ARGV[1])\n"
+    "trim_bytes(KEYS[2], string.len(old), tonumber(ARGV[4]))\n"
     "return 1\n";
 
 /* Shared by the scan and sync scripts: the log's last position, and the
@@ -649,10 +669,12 @@ struct redis_tr : mom_transport {
     {
         const std::string limit = std::to_string(QN_MOM_MAX_VALUE);
         if (op == 'D')
-            return command({"EVAL", kDelScript, "2", key, kLog, writer, limit, kLogLength},
+            return command({"EVAL", std::string(kTrimHelper) + kDelBody, "2", key, kLog, writer, limit, kLogLength,
+                            kLogBytes},
                            new command_ctx{this, std::move(done), nullptr, "delete " + key});
-        return command({"EVAL", kSetScript, "2", key, kLog, bytes, std::string(1, op == 'R' ? 'S' : op), writer,
-                        limit, kLogLength, op == 'R' ? "1" : "0"},
+        return command({"EVAL", std::string(kTrimHelper) + kSetBody, "2", key, kLog, bytes,
+                        std::string(1, op == 'R' ? 'S' : op), writer, limit, kLogLength, op == 'R' ? "1" : "0",
+                        kLogBytes},
                        new command_ctx{this, std::move(done), nullptr, "store " + key});
     }
 

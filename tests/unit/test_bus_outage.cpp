@@ -641,6 +641,30 @@ TEST_F(BusValueSizeRedis, KeysOverTheLimitAreRefusedOnWrite)
     keys_over_the_limit_are_refused_on_write(c);
 }
 
+/* Each log entry holds a new and an old value: large values fill the log by
+ * bytes long before its count bound. */
+TEST_F(BusValueSizeRedis, TheChangeLogIsBoundedInBytes)
+{
+    recorder sub;
+    io_record pattern(0, "");
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &sub), 0);
+    const int writes = 300; /* about 120 KB of log each: 36 MB unbounded */
+    for (int i = 0; i < writes; ++i) {
+        io_record big(1, std::to_string(i) + ":" + std::string(60000, 'b'));
+        ASSERT_EQ(qn_mom_set(c, QN_MOM_MONITOR_DB, big.msg(), 0, 0), 0);
+        if (i % 50 == 49)
+            ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
+    }
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
+    long used = atol(server->command("MEMORY USAGE qnmom:stream SAMPLES 0").c_str());
+    long entries = atol(server->command("XLEN qnmom:stream").c_str());
+    EXPECT_LE(used, 34L * 1024 * 1024) << entries << " entries";
+    EXPECT_GT(entries, 100);
+    EXPECT_LT(entries, writes);
+    /* The newest changes are all there: the subscriber got the last one. */
+    ASSERT_TRUE(run_until([&] { return !sub.values.empty() && sub.values.back().substr(0, 6) == "1:299:"; }, 10000));
+}
+
 /* Written by another tool: neither a scan nor the change feed takes it. */
 TEST_F(BusValueSizeRedis, AKeyOverTheLimitInTheStoreIsNeitherReadNorDelivered)
 {
