@@ -3,7 +3,8 @@
 # bus), the device manager (qn-bus inventory --keep), a master control
 # module, a standby control module and two line cards, each daemon with its
 # own run directory and config file.  "stop" stops exactly what "start"
-# started (the PIDs are kept in the state directory).
+# started: each process runs in a session of its own and is recorded in the
+# state directory by its pid and start time.
 #
 #   scripts/chassis.sh start      start it and say how to reach each node
 #   scripts/chassis.sh status     what runs
@@ -21,7 +22,7 @@
 set -eu
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${BUILD_DIR:-$repo/build}" 2>/dev/null && pwd) || {
+build=$(cd "${BUILD_DIR:-$repo/build}" 2>/dev/null && pwd -P) || {
     echo "chassis: no build directory ${BUILD_DIR:-$repo/build}; build first (scripts/quickstart.sh or cmake)" >&2
     exit 2
 }
@@ -55,42 +56,88 @@ own_dir() {
     chmod 700 "$dir"
 }
 
-# "name pid exe" of every process start recorded, one per line.
-record() {
-    echo "$1 $2 $3" >>"$pids"
+# The state of pid from /proc/PID/stat: st_state, st_pgrp and st_start (the
+# start time, clock ticks since boot: with the pid it names one process for
+# good, where a pid alone may be reused).  False when pid does not run.  The
+# name field may hold spaces and parentheses: fields are counted after its
+# last ')'.
+read_stat() {
+    local stat
+    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+    stat=${stat##*) }
+    # shellcheck disable=SC2086 # split into the fields on purpose
+    set -- $stat
+    st_state=$1 st_pgrp=$3 st_start=${20}
 }
 
-# Whether pid still runs the program it was started as.
+# Whether the process recorded as pid and start time still runs (a zombie
+# does not).
 is_ours() {
-    [ -e "/proc/$1" ] && [ "$(readlink "/proc/$1/exe" 2>/dev/null)" = "$2" ]
+    read_stat "$1" && [ "$st_start" = "$2" ] && [ "$st_state" != Z ]
 }
 
+# "name pid start exe" of every process start recorded, one per line.
+record() {
+    echo "$1 $2 $3 $4" >>"$pids"
+}
+
+# Sends a signal to the process recorded as pid and start time: to its whole
+# process group when it leads one (each was started in a session of its own),
+# else to it alone.
+signal_ours() {
+    is_ours "$2" "$3" || return 0
+    if [ "$st_pgrp" = "$2" ]; then
+        kill "-$1" -- "-$2" 2>/dev/null || true
+    else
+        kill "-$1" "$2" 2>/dev/null || true
+    fi
+}
+
+# Stops every process recorded, in reverse order (the daemons first, the
+# device manager and the store last).  An entry whose process cannot be
+# seen gone stays in the pids file for the next stop.
 stop_all() {
     [ -f "$pids" ] || {
         echo "chassis: nothing recorded in $dir"
         return 0
     }
-    # Daemons first, the device manager and the store last (reverse order).
-    tac "$pids" | while read -r name pid exe; do
-        if is_ours "$pid" "$exe"; then
-            kill -TERM "$pid" 2>/dev/null || true
+    local left="" name pid start exe
+    while read -r name pid start exe; do
+        if is_ours "$pid" "$start"; then
+            signal_ours TERM "$pid" "$start"
             for _ in $(seq 50); do
-                is_ours "$pid" "$exe" || break
+                is_ours "$pid" "$start" || break
                 sleep 0.1
             done
-            if is_ours "$pid" "$exe"; then
-                kill -KILL "$pid" 2>/dev/null || true
+            if is_ours "$pid" "$start"; then
+                signal_ours KILL "$pid" "$start"
+                for _ in $(seq 20); do
+                    is_ours "$pid" "$start" || break
+                    sleep 0.1
+                done
+            fi
+            if is_ours "$pid" "$start"; then
+                echo "chassis: $name (pid $pid) still runs; kept in $pids" >&2
+                left="$name $pid $start $exe
+$left"
+                continue
             fi
             echo "stopped $name (pid $pid)"
         fi
-    done
+    done < <(tac "$pids")
+    if [ -n "$left" ]; then
+        printf '%s' "$left" >"$pids.new"
+        mv -f "$pids.new" "$pids"
+        return 1
+    fi
     rm -f "$pids"
 }
 
 any_running() {
     [ -f "$pids" ] || return 1
-    while read -r name pid exe; do
-        is_ours "$pid" "$exe" && return 0
+    local name pid start exe
+    while read -r name pid start exe; do
+        is_ours "$pid" "$start" && return 0
     done <"$pids"
     return 1
 }
@@ -100,8 +147,9 @@ status() {
         echo "chassis: not running (no $pids)"
         return 1
     }
-    while read -r name pid exe; do
-        if is_ours "$pid" "$exe"; then
+    local name pid start exe
+    while read -r name pid start exe; do
+        if is_ours "$pid" "$start"; then
             echo "$name pid $pid running"
         else
             echo "$name pid $pid gone"
@@ -109,22 +157,31 @@ status() {
     done <"$pids"
 }
 
-# Starts a program in its own session with output to files; records it.
+# Starts a program in a session of its own (setsid, and env, exec it in the
+# same process) with output to files, and records it once it runs the
+# program `exe` itself, with its start time.  Until then the process is this
+# shell's child, not yet waited for: its pid cannot be reused, and one that
+# does not get there is killed by it.
 spawn() {
-    local name=$1 out=$2
-    shift 2
+    local name=$1 out=$2 exe=$3
+    shift 3
     setsid "$@" >"$out.out" 2>"$out.err" </dev/null &
-    local pid=$!
-    local exe
-    for _ in $(seq 50); do
-        exe=$(readlink "/proc/$pid/exe" 2>/dev/null || true)
-        case $exe in
-        */setsid | */env | "") sleep 0.05 ;;
-        *) break ;;
-        esac
+    local pid=$! start=""
+    for _ in $(seq 200); do
+        if [ "$(readlink "/proc/$pid/exe" 2>/dev/null)" = "$exe" ] && read_stat "$pid" && [ "$st_pgrp" = "$pid" ]; then
+            start=$st_start
+            break
+        fi
+        if ! read_stat "$pid" || [ "$st_state" = Z ]; then
+            break
+        fi
+        sleep 0.05
     done
-    [ -n "$exe" ] || die "$name did not start; see $out.err"
-    record "$name" "$pid" "$exe"
+    if [ -z "$start" ]; then
+        kill -KILL "$pid" 2>/dev/null || true
+        die "$name did not start; see $out.err"
+    fi
+    record "$name" "$pid" "$start" "$exe"
 }
 
 start_store() {
@@ -133,7 +190,7 @@ start_store() {
     for _ in $(seq 20); do
         port=$((20000 + RANDOM % 40000))
         (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && continue
-        spawn redis "$dir/redis/redis" redis-server --bind 127.0.0.1 --port "$port" --save "" --appendonly no \
+        spawn redis "$dir/redis/redis" "$(readlink -f "$(command -v redis-server)")" redis-server --bind 127.0.0.1 --port "$port" --save "" --appendonly no \
             --dir "$dir/redis" --daemonize no
         for _ in $(seq 50); do
             [ "$(redis-cli -h 127.0.0.1 -p "$port" ping 2>/dev/null)" = PONG ] && {
@@ -199,7 +256,7 @@ start_node() {
         : >"$root/proc/mounts"
         : >"$root/proc/diskstats"
     fi
-    spawn "$name" "$nd/daemon" env TMPDIR="$nd/tmp" STOVIG_CONFIG="$nd/stovig.ini" \
+    spawn "$name" "$nd/daemon" "$daemon" env TMPDIR="$nd/tmp" STOVIG_CONFIG="$nd/stovig.ini" \
         ${root:+STOVIG_ROOT="$root"} "$daemon"
 }
 
@@ -225,7 +282,7 @@ start_all() {
     trap 'echo "chassis: start failed, stopping what was started" >&2; stop_all >/dev/null' EXIT
     start_store
     write_inventory
-    spawn device-manager "$dir/device-manager" env STOVIG_CONFIG="$dir/qn-bus.ini" "$qn_bus" inventory --keep \
+    spawn device-manager "$dir/device-manager" "$qn_bus" env STOVIG_CONFIG="$dir/qn-bus.ini" "$qn_bus" inventory --keep \
         "$dir/chassis.inv"
     for _ in $(seq 100); do
         grep -q "keeping the inventory" "$dir/device-manager.err" && break
@@ -267,7 +324,7 @@ start) start_all ;;
 stop) stop_all ;;
 status) status ;;
 *)
-    sed -n '2,20s/^# \{0,1\}//p' "$0" >&2
+    sed -n '2,21s/^# \{0,1\}//p' "$0" >&2
     exit 2
     ;;
 esac

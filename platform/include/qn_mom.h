@@ -20,9 +20,14 @@
  * unsubscribing answer QN_MOM_ERR_NOTCONN.  A subscription made stands through
  * outages: the changes made while the link was down are delivered, in order,
  * once it is back (or, when the store could not keep them, the current
- * records of the subscribed types, as value replies).  After the store lost
- * its records, the client writes back the last known value of every record
- * it wrote, unless someone wrote it first.
+ * records of the subscribed types, each as a QN_MOM_REPLY_SET reply, and
+ * none for a record deleted meanwhile).  After the store lost its records,
+ * the client writes back the last known value of every record it wrote,
+ * unless someone wrote it first; after it came back from an older copy of
+ * itself, every such record it holds an older value of.  A write the store
+ * refuses for a reason that passes (out of memory, read-only...) stays in the
+ * outbox and is made again after a back-off; one it can never take is
+ * dropped, with a line on stderr.
  *
  * Values: a record whose encoding is above QN_MOM_MAX_VALUE bytes is refused
  * (QN_MOM_ERR_TOOBIG), and a stored value above it is never read: scans skip
@@ -72,6 +77,9 @@ typedef struct qn_mom_client qn_mom_client_t;
 /* The largest record value the client writes or reads, in bytes; the
  * records of this system stay below 4 KiB. */
 #define QN_MOM_MAX_VALUE 65536
+/* The longest storage key the client writes or reads, in bytes; a longer
+ * one is refused (QN_MOM_ERR_PARAM) or skipped, with a line on stderr. */
+#define QN_MOM_MAX_KEY 512
 
 typedef struct qn_mom_res {
     int error;                      /* non-zero: no usable value */

@@ -21,13 +21,19 @@ int qn_mom_client_is_up(const qn_mom_client_t *client);
 /* Why the last attempt to reach the store failed ("redis://HOST:PORT:
  * Connection refused"), copied into buf; the length, 0 when it did not. */
 size_t qn_mom_client_link_error(const qn_mom_client_t *client, char *buf, size_t size);
-/* Writes not yet answered by the store. */
+/* Writes not yet taken by the store. */
 size_t qn_mom_client_outbox(const qn_mom_client_t *client);
+/* Keys whose newest handed-out position the client keeps (while a scan is
+ * on its way, or the change feed is behind a scan). */
+size_t qn_mom_client_tracked_keys(const qn_mom_client_t *client);
 
 typedef struct qn_mom_counters {
     unsigned long long dropped_writes;  /* outbox full: oldest write dropped */
     unsigned long long refused_writes;  /* value above QN_MOM_MAX_VALUE */
     unsigned long long refused_reads;   /* stored value above QN_MOM_MAX_VALUE */
+    unsigned long long store_refusals;  /* refusals that pass (out of memory, read-only...): write kept */
+    unsigned long long rejected_writes; /* refused by the store for good: write dropped */
+    unsigned long long refused_keys;    /* key above QN_MOM_MAX_KEY, written or read */
 } qn_mom_counters_t;
 void qn_mom_client_counters(const qn_mom_client_t *client, qn_mom_counters_t *out);
 

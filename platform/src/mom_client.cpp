@@ -3,9 +3,9 @@
  * delivers and hands every reply to its callback as a task of the event loop.
  *
  * It also carries a node through bus outages:
- * - writes made while the link is down wait in an outbox, in order, and go
- *   out when it is back; the outbox keeps at most kOutboxWrites writes and
- *   kOutboxBytes bytes, and drops the oldest first, saying so;
+ * - writes wait in an outbox (mom_outbox.cpp) until the store took them:
+ *   made while the link is down, they go out in order when it is back;
+ *   refused for a reason that passes, they go again after a back-off;
  * - scans asked for while the link is down, or cut by a lost link, run when
  *   it is back;
  * - subscriptions are made and confirmed only on a working link; once made
@@ -21,6 +21,7 @@
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -32,12 +33,12 @@
 
 namespace {
 
-/* Outbox bound while the link is down: a line card writes about one record
- * every 5 s at the default intervals, so 1024 writes hold more than an hour. */
-constexpr size_t kOutboxWrites = 1024;
-constexpr size_t kOutboxBytes = 8 * 1024 * 1024;
 /* Scans waiting for the link. */
 constexpr size_t kWaitingScans = 256;
+/* A link lost this soon after it came back is flapping; lines about a
+ * flapping link are said at most this often. */
+constexpr auto kFlapping = std::chrono::seconds(10);
+constexpr auto kFlapLinesEvery = std::chrono::seconds(60);
 
 struct subscription {
     uint64_t id;
@@ -54,12 +55,6 @@ struct connect_req {
     qn_mom_connect_cb_t cb = nullptr;
     void *ctx = nullptr;
     bool announced = false;
-};
-
-struct pending_write {
-    char op;                    /* 'S', 'H', 'D', 'R' */
-    std::string key;
-    std::string bytes;
 };
 
 struct scan_req {
@@ -80,11 +75,6 @@ std::map<std::string, int> &refused_types()
 {
     static std::map<std::string, int> m;
     return m;
-}
-
-const char *op_word(char op)
-{
-    return op == 'D' ? "delete" : "store";
 }
 
 std::string random_writer_id()
@@ -109,18 +99,28 @@ struct qn_mom_client : mom_hooks {
     uint64_t next_sub_id = 1;
     bool was_up = false;        /* the transport has been up once */
     bool down_since_up = false;
+    /* Lines about a link that keeps failing right after it came up are said
+     * once a minute, with the count of those not said. */
+    std::chrono::steady_clock::time_point up_at, lost_logged;
+    bool lost_quiet = false;    /* the last loss was not said, nor its return */
+    unsigned long long quiet_losses = 0;
 
-    std::deque<pending_write> outbox;   /* not yet answered by the store, in order */
-    size_t outbox_sent = 0;             /* the first ones of the outbox are on their way */
-    size_t outbox_bytes = 0;
+    mom_outbox outbox;                  /* writes not yet taken by the store */
     std::deque<scan_req> waiting_scans;
     std::map<std::string, std::string> own;     /* last known value of each record we wrote */
-    std::map<std::string, mom_pos> handed_out;  /* newest position handed out, per key */
+    /* Newest position handed out, per key, while it matters: a scan on its
+     * way read the store at a position of its own, and must not hand out a
+     * value older than one the change feed handed out meanwhile.  A scan
+     * sent later reads at or after the feed's position, so an entry at or
+     * below it is dropped once no scan is on its way. */
+    std::map<std::string, mom_pos> handed_out;
+    mom_pos feed_pos;                   /* the change feed's position */
+    size_t scans_in_flight = 0;
     qn_mom_counters_t counters{};
 
     const char *module_name() const override { return module.c_str(); }
     void transport_up(const mom_link_up &up) override;
-    void transport_down() override;
+    void transport_down(const std::string &why) override;
     void transport_change(const mom_change &change) override;
     std::vector<mom_spec> snapshot_specs() const override;
 
@@ -136,13 +136,12 @@ struct qn_mom_client : mom_hooks {
         return false;
     }
 
-    void enqueue(char op, const std::string &key, const std::string &bytes);
-    void flush();
-    void on_ack(int error, const std::string &why);
     void run_scan(scan_req req);
     void run_waiting_scans();
     void restore_own();
     void take_snapshot(const mom_link_up &up);
+    void write_back_newer(const mom_link_up &up);
+
     /* Hands a record value or a deletion of `key` to the subscriptions it
      * concerns; whether any took it. */
     bool hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
@@ -153,11 +152,39 @@ struct qn_mom_client : mom_hooks {
         auto it = handed_out.find(key);
         return it == handed_out.end() || it->second <= at;
     }
+    /* Counts and reports a stored value not read for its size. */
+    void refuse_read(const std::string &key, size_t size)
+    {
+        ++counters.refused_reads;
+        mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
+                key.c_str(), size, QN_MOM_MAX_VALUE, static_cast<unsigned long long>(counters.refused_reads));
+    }
+    /* Whether a key is over QN_MOM_MAX_KEY: counted and reported (its start
+     * only), and neither written nor read. */
+    bool key_too_long(const std::string &key, const char *what)
+    {
+        if (key.size() <= QN_MOM_MAX_KEY)
+            return false;
+        ++counters.refused_keys;
+        mom_log(module.c_str(), "%s a key of %zu bytes (%s...): over the %d-byte limit (%llu refused so far)", what,
+                key.size(), key.substr(0, 64).c_str(), QN_MOM_MAX_KEY,
+                static_cast<unsigned long long>(counters.refused_keys));
+        return true;
+    }
     void mark_handed_out(const std::string &key, const mom_pos &at)
     {
+        if (scans_in_flight == 0 && at <= feed_pos) {
+            handed_out.erase(key);
+            return;
+        }
         mom_pos &p = handed_out[key];
         if (p < at)
             p = at;
+    }
+    void prune_handed_out()
+    {
+        if (scans_in_flight == 0)
+            std::erase_if(handed_out, [this](const auto &kv) { return kv.second <= feed_pos; });
     }
 };
 
@@ -348,14 +375,16 @@ int store(qn_mom_client_t *c, char op, const std::string &key, const std::string
 {
     if (!c->accepting())
         return QN_MOM_ERR_NOTCONN;
+    if (c->key_too_long(key, "refused to write"))
+        return QN_MOM_ERR_PARAM;
     if (op != 'D' && bytes.size() > QN_MOM_MAX_VALUE)
         return refuse_too_big(c, key, bytes.size());
     if (op == 'D')
         c->own.erase(key);
     else
         c->own[key] = bytes;
-    c->enqueue(op, key, bytes);
-    c->flush();
+    c->outbox.add(op, key, bytes);
+    c->outbox.flush();
     return 0;
 }
 
@@ -415,71 +444,23 @@ void qn_mom_client::announce_connects()
     }
 }
 
-void qn_mom_client::enqueue(char op, const std::string &key, const std::string &bytes)
-{
-    /* Full: the oldest write not yet on its way goes first. */
-    while (outbox_sent < outbox.size() &&
-           (outbox.size() >= kOutboxWrites || outbox_bytes + bytes.size() > kOutboxBytes)) {
-        auto oldest = outbox.begin() + static_cast<std::ptrdiff_t>(outbox_sent);
-        ++counters.dropped_writes;
-        mom_log(module.c_str(),
-                "link down, outbox full (%zu writes, %zu bytes): dropped the oldest, a %s of %s (%llu dropped so far)",
-                outbox.size(), outbox_bytes, op_word(oldest->op), oldest->key.c_str(),
-                static_cast<unsigned long long>(counters.dropped_writes));
-        outbox_bytes -= oldest->bytes.size();
-        outbox.erase(oldest);
-    }
-    outbox.push_back({op, key, bytes});
-    outbox_bytes += bytes.size();
-}
-
-void qn_mom_client::flush()
-{
-    while (transport->up() && outbox_sent < outbox.size()) {
-        pending_write w = outbox[outbox_sent];
-        ++outbox_sent;
-        if (transport->write(w.op, w.key, w.bytes, [this](int error, const std::string &why) { on_ack(error, why); }) !=
-            0) {
-            if (outbox_sent > 0)
-                --outbox_sent;
-            break;
-        }
-    }
-}
-
-/* The store answers writes in the order they were sent: an answer is the
- * first write's. */
-void qn_mom_client::on_ack(int error, const std::string &why)
-{
-    if (error == QN_MOM_ERR_NOTCONN) {
-        /* The link went: every unanswered write goes again on the next one. */
-        outbox_sent = 0;
-        return;
-    }
-    if (outbox.empty() || outbox_sent == 0)
-        return;
-    const pending_write &w = outbox.front();
-    if (error != 0)
-        mom_log(module.c_str(), "%s of %s refused by the store: %s", op_word(w.op), w.key.c_str(), why.c_str());
-    outbox_bytes -= w.bytes.size();
-    outbox.pop_front();
-    --outbox_sent;
-}
-
 void qn_mom_client::run_scan(scan_req req)
 {
     if (transport->up()) {
         scan_req again = req;
+        ++scans_in_flight;
         int ret = transport->scan(req.prefix, req.exact,
                                   [this, again](int error, mom_pos at, std::vector<mom_entry> entries) {
-                                      if (error == QN_MOM_ERR_NOTCONN) {
+                                      if (error == QN_MOM_ERR_NOTCONN)
                                           waiting_scans.push_back(again);
-                                          return;
-                                      }
-                                      again.done(error, at, std::move(entries));
+                                      else
+                                          again.done(error, at, std::move(entries));
+                                      --scans_in_flight;
+                                      prune_handed_out();
                                   });
         if (ret == 0)
             return;
+        --scans_in_flight;
     }
     if (waiting_scans.size() >= kWaitingScans) {
         mom_log(module.c_str(), "link down, %zu scans waiting: the oldest, of %s, ends unanswered", waiting_scans.size(),
@@ -505,8 +486,8 @@ void qn_mom_client::restore_own()
         mom_log(module.c_str(), "writing back the %zu records this client keeps, where no one wrote them yet",
                 own.size());
     for (const auto &[key, bytes] : own)
-        enqueue('R', key, bytes);
-    flush();
+        outbox.add('R', key, bytes);
+    outbox.flush();
 }
 
 bool qn_mom_client::hand_to_subscriptions(int type, const std::string &key, const std::string &old_bytes,
@@ -544,44 +525,86 @@ bool qn_mom_client::hand_to_subscriptions(int type, const std::string &key, cons
 
 void qn_mom_client::take_snapshot(const mom_link_up &up)
 {
+    /* A record with a write still in the outbox keeps the value this client
+     * wrote last: the store's copy is older, and a record first written
+     * while the link was down is not missing, only not yet delivered.  A
+     * store that rolled back holds older copies of the others too. */
+    std::set<std::string> pending = outbox.keys();
     std::set<std::string> present;
     for (const mom_entry &e : up.entries) {
         present.insert(e.key);
+        if (key_too_long(e.key, "did not read"))
+            continue;
         if (e.oversized) {
-            ++counters.refused_reads;
-            mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                    e.key.c_str(), e.size, QN_MOM_MAX_VALUE, static_cast<unsigned long long>(counters.refused_reads));
+            refuse_read(e.key, e.size);
             continue;
         }
         auto mine = own.find(e.key);
-        if (mine != own.end())
+        if (mine != own.end() && !pending.count(e.key) && !up.rolled_back)
             mine->second = e.bytes;
         if (hand_to_subscriptions(QN_MOM_REPLY_SET, e.key, std::string(), e.bytes, true))
             mark_handed_out(e.key, up.at);
     }
     /* Gone from a store that kept its records: someone deleted them. */
-    if (!up.store_reset)
-        std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first); });
+    if (!up.store_reset && !up.rolled_back)
+        std::erase_if(own, [&](const auto &kv) { return !present.count(kv.first) && !pending.count(kv.first); });
+}
+
+/* The store came back from an older copy of itself: every own record it
+ * holds another value of (or none) is written again, with the value this
+ * client wrote or saw last.  Records with a write in the outbox get it
+ * anyway; those someone changed since the client's position are left to
+ * the change log, which brings their newer values. */
+void qn_mom_client::write_back_newer(const mom_link_up &up)
+{
+    std::map<std::string, const mom_entry *> stored;
+    for (const mom_entry &e : up.entries)
+        stored[e.key] = &e;
+    std::set<std::string> skip = outbox.keys();
+    skip.insert(up.changed_later.begin(), up.changed_later.end());
+    std::vector<std::pair<std::string, std::string>> newer;
+    for (const auto &[key, bytes] : own) {
+        if (skip.count(key))
+            continue;
+        auto it = stored.find(key);
+        if (it != stored.end() && !it->second->oversized && it->second->bytes == bytes)
+            continue;
+        newer.push_back({key, bytes});
+    }
+    if (newer.empty())
+        return;
+    mom_log(module.c_str(), "the store came back from an older copy: writing back the %zu records it holds older "
+                            "values of",
+            newer.size());
+    for (const auto &[key, bytes] : newer)
+        outbox.add(stored.count(key) ? 'S' : 'R', key, bytes);
+    outbox.flush();
 }
 
 void qn_mom_client::transport_up(const mom_link_up &up)
 {
-    if (was_up && down_since_up) {
+    up_at = std::chrono::steady_clock::now();
+    if (was_up && down_since_up && !lost_quiet) {
         mom_log(module.c_str(), "link to the store is back, %zu subscriptions stand; %s", subs.size(),
                 up.snapshot      ? "changes were lost from the store's log, the current records are read"
                 : up.store_reset ? "the store was emptied, its new log is read from the start"
                                  : "the changes missed are read from the store's log");
     }
-    if (up.store_reset)
+    /* Positions of an emptied or rolled-back store's log do not compare
+     * with those handed out before. */
+    if (up.store_reset || up.rolled_back)
         handed_out.clear();
+    feed_pos = up.from;
     if (up.snapshot)
         take_snapshot(up);
     bool again = was_up && down_since_up;
     was_up = true;
     down_since_up = false;
-    flush();
+    outbox.flush();
     if (up.store_reset)
         restore_own();
+    if (up.rolled_back)
+        write_back_newer(up);
     run_waiting_scans();
     if (again) {
         for (auto &[db, cb] : reconnects)
@@ -591,15 +614,35 @@ void qn_mom_client::transport_up(const mom_link_up &up)
     announce_connects();
 }
 
-void qn_mom_client::transport_down()
+void qn_mom_client::transport_down(const std::string &why)
 {
-    if (!down_since_up)
-        mom_log(module.c_str(), "link to the store lost, retrying");
+    if (down_since_up)
+        return;
     down_since_up = true;
+    auto now = std::chrono::steady_clock::now();
+    bool flapping = now - up_at < kFlapping;
+    if (flapping && lost_logged.time_since_epoch().count() != 0 && now - lost_logged < kFlapLinesEvery) {
+        lost_quiet = true;
+        ++quiet_losses;
+        return;
+    }
+    lost_quiet = false;
+    lost_logged = now;
+    if (quiet_losses > 0)
+        mom_log(module.c_str(), "link to the store lost: %s; retrying (%llu more losses right after the link came "
+                                "back were not said)",
+                why.c_str(), quiet_losses);
+    else
+        mom_log(module.c_str(), "link to the store lost: %s; retrying", why.c_str());
+    quiet_losses = 0;
 }
 
 void qn_mom_client::transport_change(const mom_change &c)
 {
+    if (feed_pos < c.pos)
+        feed_pos = c.pos;
+    if (key_too_long(c.key, "did not read"))
+        return;
     if (!c.from_self) {
         auto mine = own.find(c.key);
         if (mine != own.end()) {
@@ -610,10 +653,7 @@ void qn_mom_client::transport_change(const mom_change &c)
         }
     }
     if (c.op != 'D' && c.new_bytes.size() > QN_MOM_MAX_VALUE) {
-        ++counters.refused_reads;
-        mom_log(module.c_str(), "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                c.key.c_str(), c.new_bytes.size(), QN_MOM_MAX_VALUE,
-                static_cast<unsigned long long>(counters.refused_reads));
+        refuse_read(c.key, c.new_bytes.size());
         return;
     }
     auto seen = handed_out.find(c.key);
@@ -622,6 +662,7 @@ void qn_mom_client::transport_change(const mom_change &c)
     int type = c.op == 'D' ? QN_MOM_REPLY_DEL : c.op == 'H' ? QN_MOM_REPLY_HSET : QN_MOM_REPLY_SET;
     if (hand_to_subscriptions(type, c.key, c.old_bytes, c.new_bytes, false))
         mark_handed_out(c.key, c.pos);
+    prune_handed_out();
 }
 
 std::vector<mom_spec> qn_mom_client::snapshot_specs() const
@@ -632,8 +673,7 @@ std::vector<mom_spec> qn_mom_client::snapshot_specs() const
         if (seen.insert({s.prefix, s.exact}).second)
             out.push_back({s.prefix, s.exact});
     for (const auto &[key, bytes] : own)
-        if (seen.insert({key, true}).second)
-            out.push_back({key, true});
+        out.push_back({key, true, true});
     return out;
 }
 
@@ -668,6 +708,7 @@ qn_mom_client_t *qn_mom_client_init(const char *module, qn_thread_master *master
         delete c;
         return nullptr;
     }
+    c->outbox.attach(&c->module, c->transport.get(), master, &c->counters);
     live_clients().insert(c);
     c->transport->start();
     return c;
@@ -728,12 +769,10 @@ int qn_mom_scan(qn_mom_client_t *c, uint32_t db, const ProtobufCMessage *pattern
         if (!live_clients().count(c))
             return;
         for (const mom_entry &e : entries) {
+            if (c->key_too_long(e.key, "did not read"))
+                continue;
             if (e.oversized) {
-                ++c->counters.refused_reads;
-                mom_log(c->module.c_str(),
-                        "value under key %s is %zu bytes, over the %d-byte limit: not read (%llu refused so far)",
-                        e.key.c_str(), e.size, QN_MOM_MAX_VALUE,
-                        static_cast<unsigned long long>(c->counters.refused_reads));
+                c->refuse_read(e.key, e.size);
                 continue;
             }
             if (!c->fresh(e.key, at))
@@ -821,6 +860,11 @@ size_t qn_mom_client_link_error(const qn_mom_client_t *c, char *buf, size_t size
     if (buf && size > 0)
         snprintf(buf, size, "%s", why.c_str());
     return why.size();
+}
+
+size_t qn_mom_client_tracked_keys(const qn_mom_client_t *c)
+{
+    return c ? c->handed_out.size() : 0;
 }
 
 size_t qn_mom_client_outbox(const qn_mom_client_t *c)

@@ -64,6 +64,7 @@ struct embedded : mom_transport {
         mom_link_up up;
         up.first = true;
         up.at.seq = last_change();
+        up.from = up.at;
         hooks->transport_up(up);
     }
     int write(char op, const std::string &key, const std::string &bytes, mom_write_done done) override

@@ -4,10 +4,14 @@
 #define QN_MOM_INTERNAL_H
 
 #include "qn_mom.h"
+#include "qn_mom_standin.h"
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,14 +78,24 @@ struct mom_link_up {
     bool store_reset = false;   /* the store lost its records since the last link */
     bool snapshot = false;      /* the change log could not fill the gap: entries
                                  * hold the current records asked for */
+    bool rolled_back = false;   /* the store came back from an older copy of
+                                 * itself (same lifetime, a server restart):
+                                 * entries hold the client's own records as
+                                 * stored, but for those in changed_later */
     mom_pos at;                 /* log position of the snapshot */
+    mom_pos from;               /* the change feed goes on after this position */
     std::vector<mom_entry> entries;
+    /* Own records that someone changed after the client's last position: the
+     * change log brings their newer values. */
+    std::vector<std::string> changed_later;
 };
 
-/* What a snapshot must cover: every record under a prefix, or one key. */
+/* What a snapshot must cover: every record under a prefix, or one key.  An
+ * own record (exact) is read also after a roll-back of the store. */
 struct mom_spec {
     std::string prefix;
     bool exact = false;
+    bool own = false;
 };
 
 /* Hooks of the common client, called by the transports from the loop. */
@@ -89,9 +103,10 @@ struct mom_hooks {
     virtual ~mom_hooks() = default;
     virtual const char *module_name() const = 0;
     virtual void transport_up(const mom_link_up &up) = 0;
-    virtual void transport_down() = 0;
+    /* The link went; why, as the store or the system said it. */
+    virtual void transport_down(const std::string &why) = 0;
     virtual void transport_change(const mom_change &change) = 0;
-    /* The records a snapshot must read: subscribed types and own records. */
+    /* The records a snapshot must read: subscribed types, then own records. */
     virtual std::vector<mom_spec> snapshot_specs() const = 0;
 };
 
@@ -121,6 +136,58 @@ std::unique_ptr<mom_transport> mom_embedded_create(mom_hooks *hooks, struct qn_t
 std::unique_ptr<mom_transport> mom_redis_create(mom_hooks *hooks, struct qn_thread_master *master,
                                                 const std::string &host, int port, const std::string &user,
                                                 const std::string &password, const std::string &writer_id);
+
+/* ---- the outbox of writes (mom_outbox.cpp) ---- */
+
+class mom_outbox {
+public:
+    mom_outbox() = default;
+    mom_outbox(const mom_outbox &) = delete;
+    mom_outbox &operator=(const mom_outbox &) = delete;
+    ~mom_outbox();
+    /* Where the writes go, the loop of the retry timer and the counters. */
+    void attach(const std::string *module, mom_transport *transport, struct qn_thread_master *master,
+                qn_mom_counters_t *counters);
+    /* Queues a write (op as mom_transport::write); flush() sends it. */
+    void add(char op, const std::string &key, const std::string &bytes);
+    /* Sends what may go now. */
+    void flush();
+    /* Writes not yet taken by the store. */
+    size_t size() const { return writes.size(); }
+    /* Keys with a write not yet taken. */
+    std::set<std::string> keys() const;
+
+private:
+    struct entry {
+        uint64_t id = 0;
+        char op = 'S';
+        std::string key;
+        std::string bytes;
+        bool in_flight = false;     /* sent, answer awaited */
+        bool refused = false;       /* refused for a reason that passes: goes again */
+    };
+    bool may_send() const;
+    std::deque<entry>::iterator find(uint64_t id);
+    void drop(std::deque<entry>::iterator it);
+    void answered(uint64_t id, int error, const std::string &why);
+    void taken(std::deque<entry>::iterator it);
+    void refused(std::deque<entry>::iterator it, const std::string &why);
+    static void on_retry(int fd, short what, void *arg);
+
+    const std::string *module = nullptr;
+    mom_transport *transport = nullptr;
+    struct qn_thread_master *loop = nullptr;
+    qn_mom_counters_t *counters = nullptr;
+    std::deque<entry> writes;       /* in the order made */
+    size_t bytes_held = 0;
+    size_t in_flight = 0;
+    uint64_t next_id = 1;
+    bool flushing = false;
+    struct event *retry = nullptr;
+    int retry_ms = 100;
+    bool refusing = false;          /* in a run of refusals */
+    std::chrono::steady_clock::time_point refusing_logged;
+};
 
 /* Diagnostics of the client go to stderr, one line each, "qn_mom[<module>]: ". */
 void mom_log(const char *module, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -3,14 +3,26 @@ reach or without a shared bus, a daemon whose Redis is not there yet, a node
 whose identity keys disagree, and a line card that names only its device
 type."""
 
+import json
 import os
 import shutil
 import subprocess
+import sys
 import time
 import unittest
 
 from bus_helpers import QN_BUS, BusNode, QnBus, RedisServer, free_port, node_config, write_inventory
 from stovig_proc import TempDir, wait_for
+
+
+def network_namespaces_available():
+    """Whether private mount and network namespaces can be made here."""
+    try:
+        p = subprocess.run(["unshare", "-m", "-n", "--propagation", "private", "ip", "link", "set", "lo", "up"],
+                           capture_output=True, timeout=20)
+        return p.returncode == 0
+    except (OSError, subprocess.TimeoutExpired):
+        return False
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=5 user_slot=3 type=lc name=LC-48X\n")
@@ -56,6 +68,31 @@ class Edges(unittest.TestCase):
         last = err.strip().splitlines()[-1]
         self.assertEqual(last, "qn-bus: cannot reach redis://127.0.0.1:%d: Connection refused" % port)
 
+    def test_qn_bus_resolves_the_store_s_name_without_blocking_and_gives_up_on_a_silent_dns_in_time(self):
+        if not network_namespaces_available():
+            self.skipTest("network namespaces are not available here")
+        port = free_port()
+        inventory = write_inventory(self.tmp.path, INVENTORY)
+        commands = [["redis://bus-host:%d" % port, "inventory", inventory],
+                    ["redis://bus-host:%d" % port, "dump", "1"],
+                    ["redis://silent.test:%d" % port, "dump", "1"],
+                    ["redis://127.0.0.1:%d" % port, "dump", "1"]]
+        p = subprocess.run(["unshare", "-m", "-n", "--propagation", "private", sys.executable,
+                            os.path.join(os.path.dirname(os.path.abspath(__file__)), "bus_netns.py"),
+                            self.tmp.path, str(port), "127.0.0.1 localhost\n127.0.0.1 bus-host\n",
+                            json.dumps(commands)], capture_output=True, timeout=120)
+        self.assertEqual(p.returncode, 0, p.stderr.decode())
+        by_name, listed, silent, by_address = json.loads(p.stdout)
+        self.assertEqual(by_name["code"], 0, by_name["stderr"])
+        self.assertEqual(listed["code"], 0, listed["stderr"])
+        self.assertEqual(by_address["code"], 0, by_address["stderr"])
+        # The resolver's own time-out is 10 s; qn-bus keeps its 3 s deadline.
+        print("qn-bus gave up on a silent DNS after %.2f s" % silent["seconds"])
+        self.assertEqual(silent["code"], 1, silent["stderr"])
+        self.assertEqual(silent["stderr"].strip().splitlines()[-1],
+                         "qn-bus: cannot reach redis://silent.test:%d: no answer within 3 s" % port)
+        self.assertLess(silent["seconds"], 8.0)
+
     def test_qn_bus_refuses_to_run_without_a_shared_bus(self):
         for config_text in (None, "[node]\ndevid = 0\n"):
             code, out, err, _ = self.qn_bus(config_text, "inventory", write_inventory(self.tmp.path, INVENTORY))
@@ -77,6 +114,24 @@ class Edges(unittest.TestCase):
         self.assertIn("qnmom:12:p_utils.stovig_io:\\x1b]0;t\\x07 <undecodable, 7 bytes>", out)
         self.assertNotIn("\x1b", out)
         self.assertNotIn("\x07", out)
+
+    def test_qn_bus_fails_when_the_store_refuses_its_writes(self):
+        self.redis = RedisServer(self.tmp.path)
+        self.redis.start()
+        bus = QnBus(self.tmp.path, self.redis)
+        inventory = write_inventory(self.tmp.path, INVENTORY)
+        bus.ok("inventory", inventory)
+        self.assertEqual(self.redis.cli("CONFIG", "SET", "maxmemory", "1"), "OK")
+        code, _, err = bus.run("inventory", inventory)
+        self.assertEqual(code, 1, err)
+        self.assertIn("refused by the store: OOM command not allowed", err)
+        self.assertRegex(err.strip().splitlines()[-1],
+                         r"^qn-bus: inventory: the store refused \d+ writes? \(\d+ refusals?\), 4 not made$")
+        code, _, err = bus.run("offline", 5)
+        self.assertEqual(code, 1, err)
+        self.assertRegex(err.strip().splitlines()[-1], r"^qn-bus: offline: the store refused 1 write")
+        self.assertEqual(self.redis.cli("CONFIG", "SET", "maxmemory", "0"), "OK")
+        bus.ok("offline", 5)
 
     def test_daemon_whose_redis_is_not_there_says_so_and_connects_when_it_comes(self):
         self.redis = RedisServer(self.tmp.path)

@@ -14,6 +14,17 @@ SCRIPT = os.path.join(REPO, "scripts", "chassis.sh")
 SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 
+def start_time(pid):
+    """Field 22 of /proc/PID/stat (counted after the name's last ')'), or
+    None when pid does not run or is a zombie."""
+    try:
+        with open("/proc/%s/stat" % pid) as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+    except OSError:
+        return None
+    return None if fields[0] == "Z" else fields[19]
+
+
 def processes_mentioning(text):
     """PIDs of the processes whose command line or environment holds text."""
     found = []
@@ -60,8 +71,17 @@ class ChassisScript(unittest.TestCase):
         self.assertIn("shell:   TMPDIR=%s/cm-a/tmp " % self.dir, out)
         self.assertIn("stop it all:", out)
         with open(os.path.join(self.dir, "pids")) as f:
-            started = [line.split() for line in f]
+            started = [line.rstrip("\n").split(" ", 3) for line in f]
         self.assertEqual([s[0] for s in started], ["redis", "device-manager", "cm-a", "cm-b", "lc-5", "lc-6"])
+        # Each recorded as the program it runs, with its start time, leading
+        # a session of its own.
+        for name, pid, start, exe in started:
+            self.assertEqual(os.readlink("/proc/%s/exe" % pid), exe, name)
+            self.assertEqual(start_time(pid), start, name)
+            self.assertEqual(os.getsid(int(pid)), int(pid), name)
+        self.assertEqual([s[3] for s in started[1:]],
+                         [os.path.realpath(os.path.join(BIN_DIR, "platform", "tools", "qn-bus", "qn-bus"))] +
+                         [os.path.realpath(os.path.join(BIN_DIR, "src", "qn-stovig"))] * 4)
 
         want = ["[slot1 : CM-A]", "[slot2 : CM-B]", "[slot5 : LC-5]", "[slot6 : LC-6]"]
         self.assertTrue(wait_for(lambda: self.show() == want, 60), self.show())
@@ -70,18 +90,32 @@ class ChassisScript(unittest.TestCase):
 
         code, out, err = self.script("stop")
         self.assertEqual(code, 0, out + err)
-        for name, pid, exe in started:
-            try:
-                still = os.readlink("/proc/%s/exe" % pid) == exe
-            except OSError:
-                still = False
-            self.assertFalse(still, name)
+        for name, pid, start, exe in started:
+            self.assertNotEqual(start_time(pid), start, name)
         self.assertEqual(processes_mentioning(self.dir), [])
         self.assertFalse(os.path.exists(os.path.join(self.dir, "pids")))
         # A second stop has nothing to do.
         code, out, _ = self.script("stop")
         self.assertEqual(code, 0)
         self.assertIn("nothing recorded", out)
+
+    def test_stop_and_status_leave_a_process_alone_whose_start_time_differs(self):
+        # A pid recorded once, now another process's: it must not be touched.
+        other = subprocess.Popen(["sleep", "60"])
+        try:
+            os.makedirs(self.dir, mode=0o700)
+            with open(os.path.join(self.dir, "pids"), "w") as f:
+                f.write("lc-5 %d 1 %s\n" % (other.pid, os.path.realpath(shutil.which("sleep"))))
+            code, out, _ = self.script("status")
+            self.assertEqual(out, "lc-5 pid %d gone\n" % other.pid)
+            code, out, err = self.script("stop")
+            self.assertEqual(code, 0, out + err)
+            self.assertEqual(out, "")
+            self.assertIsNone(other.poll())
+            self.assertFalse(os.path.exists(os.path.join(self.dir, "pids")))
+        finally:
+            other.kill()
+            other.wait()
 
 
 if __name__ == "__main__":

@@ -308,6 +308,34 @@ TYPED_TEST(BusClientTest, SubscriptionConfirmsThenDeliversEveryChange)
     EXPECT_EQ(r.got[3].key, "qnmom:12:p_utils.stovig_io:0.2.0.0");
 }
 
+/* The client remembers what it handed out only while a scan could overlap
+ * it: records written and deleted leave nothing behind. */
+TYPED_TEST(BusClientTest, RecordsHandedOutLeaveNoTrackingBehind)
+{
+    qn_mom_client_t *c = this->connected(QN_MOM_MONITOR_DB);
+    qn_mom_client_t *writer = this->connected(QN_MOM_MONITOR_DB);
+    io_record pattern(0, 0, nullptr);
+    recorder r;
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &r), 0);
+    for (int slot = 0; slot < 200; ++slot) {
+        io_record rec(0, slot, "sda");
+        ASSERT_EQ(qn_mom_set(writer, QN_MOM_MONITOR_DB, rec.msg(), 0, 0), 0);
+        if (slot == 100)
+            this->scan(c, QN_MOM_MONITOR_DB, pattern.msg());
+    }
+    for (int slot = 0; slot < 200; ++slot) {
+        io_record rec(0, slot, "sda");
+        ASSERT_EQ(qn_mom_del(writer, QN_MOM_MONITOR_DB, rec.msg(), 0, 0), 0);
+    }
+    /* (What the scan handed out is not handed out again by the feed.) */
+    ASSERT_TRUE(run_until(
+        [&] { return r.got.back().type == QN_MOM_REPLY_DEL && r.got.back().key == "qnmom:12:p_utils.stovig_io:0.199.0.0"; },
+        8000));
+    test_loop_run(5);
+    EXPECT_EQ(qn_mom_client_tracked_keys(c), 0u);
+    EXPECT_EQ(qn_mom_client_tracked_keys(writer), 0u);
+}
+
 TYPED_TEST(BusClientTest, SubscriptionSeesOnlyItsTypeAndDatabase)
 {
     qn_mom_client_t *c = this->connected(QN_MOM_MONITOR_DB);

@@ -395,6 +395,129 @@ TEST_F(BusOutageTest, AConnectCallbackWhoseLinkWentBeforeItsTurnWaitsForTheLink)
     EXPECT_EQ(calls, 1);
 }
 
+/* Every I/O record in the store as a scan by `reader` hands them out:
+ * "slot:disk" each, in key order. */
+std::vector<std::string> stored_values(qn_mom_client_t *reader)
+{
+    io_record pattern(0, "");
+    recorder scan;
+    EXPECT_EQ(qn_mom_scan(reader, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &scan), 0);
+    EXPECT_TRUE(run_until([&] { return scan.scan_over; }));
+    return scan.values;
+}
+
+TEST_F(BusOutageTest, RecordsWrittenWhileTheLinkWasDownStayTheClientsOwnThroughAGapInTheLog)
+{
+    qn_mom_client_t *other = client(res_master, "OTHER");
+    qn_mom_client_t *node = client(side_loop(), "LC");
+    io_record first(1, "v1");
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, first.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(node) == 0; }));
+
+    cut_links();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(node); }));
+    /* While the link is down: a newer value of a record the store holds,
+     * and a record the store never had. */
+    io_record second(1, "v2"), fresh(2, "new");
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, second.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(node, QN_MOM_MONITOR_DB, fresh.msg(), 0, 0), 0);
+    /* Others write on and the log is trimmed past the node's position: it
+     * comes back through a snapshot of the current records. */
+    io_record theirs(9, "other");
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, theirs.msg(), 0, 0), 0);
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    server.command("XTRIM qnmom:stream MAXLEN 0");
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(node) && qn_mom_client_outbox(node) == 0; }, 8000));
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_NE(err.find("qn_mom[LC]: link to the store is back"), std::string::npos) << err;
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:new", "9:other"}));
+
+    /* The store then loses everything: the node writes back what it wrote
+     * last, the record it first wrote while its link was down included. */
+    restart_store();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(node); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(node) && qn_mom_client_outbox(node) == 0; }, 8000));
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:new", "9:other"}));
+}
+
+/* The store comes back from a copy saved before the node's last writes: same
+ * lifetime, older records.  The node writes back what it wrote since. */
+TEST_F(BusOutageTest, AStoreBackFromAnOlderCopyGetsTheClientsNewerRecordsBack)
+{
+    qn_mom_client_t *owner = client(side_loop(), "OWNER");
+    qn_mom_client_t *reader = client(res_master, "READER");
+    recorder sub;
+    subscribe(reader, &sub);
+    io_record old_value(1, "v1"), kept(3, "kept");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, old_value.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, kept.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_EQ(server.command("SAVE"), "OK");
+    io_record new_value(1, "v2"), after_save(2, "after-save");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, new_value.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, after_save.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_TRUE(run_until([&] { return sub.values.size() == 4; }));
+
+    /* Restarted from the saved copy (the server loads it at start). */
+    server.stop();
+    ASSERT_TRUE(server.start());
+    ASSERT_EQ(stored_values(reader), (std::vector<std::string>{"1:v1", "3:kept"}));
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner); }, 8000));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    test_loop_run(20);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(stored_values(reader), (std::vector<std::string>{"1:v2", "2:after-save", "3:kept"}));
+    EXPECT_NE(err.find("qn_mom[OWNER]: the store came back from an older copy: writing back the 2 records it holds "
+                       "older values of"),
+              std::string::npos)
+        << err;
+    /* The subscriber ends on the newer values. */
+    ASSERT_TRUE(run_until([&] { return sub.values.size() >= 6; }));
+    EXPECT_EQ(std::vector<std::string>(sub.values.end() - 2, sub.values.end()),
+              (std::vector<std::string>{"1:v2", "2:after-save"}));
+}
+
+TEST_F(BusOutageTest, AStoreBackFromAnOlderCopyIsSeenAlsoWhenOthersWroteToItFirst)
+{
+    qn_mom_client_t *owner = client(side_loop(), "OWNER");
+    qn_mom_client_t *other = client(res_master, "OTHER");
+    io_record old_value(1, "v1");
+    ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, old_value.msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    ASSERT_EQ(server.command("SAVE"), "OK");
+    io_record new_value(1, "v2"), second(2, "w2"), third(3, "w3");
+    for (const io_record *rec : {&new_value, &second, &third})
+        ASSERT_EQ(qn_mom_set(owner, QN_MOM_MONITOR_DB, rec->msg(), 0, 0), 0);
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+
+    server.stop();
+    ASSERT_TRUE(server.start());
+    /* Another node is back first and writes: the log goes on past the
+     * owner's position, so only the server's new run tells the owner.  The
+     * record the other node wrote meanwhile keeps its value. */
+    io_record theirs(9, "other"), newest(3, "theirs");
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other); }, 8000));
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, theirs.msg(), 0, 0), 0);
+    ASSERT_EQ(qn_mom_set(other, QN_MOM_MONITOR_DB, newest.msg(), 0, 0), 0);
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(other) == 0; }));
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner); }, 8000));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_outbox(owner) == 0; }));
+    pump_side([] { return false; }, 200);
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:w2", "3:theirs", "9:other"}));
+    /* And the owner took the other node's value as the one it holds. */
+    restart_store();
+    ASSERT_TRUE(pump_side([&] { return !qn_mom_client_is_up(owner); }));
+    ASSERT_TRUE(pump_side([&] { return qn_mom_client_is_up(owner) && qn_mom_client_outbox(owner) == 0; }, 8000));
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_is_up(other) && qn_mom_client_outbox(other) == 0; }, 8000));
+    EXPECT_EQ(stored_values(other), (std::vector<std::string>{"1:v2", "2:w2", "3:theirs", "9:other"}));
+}
+
 /* ---- value sizes, on both transports ---- */
 
 template <bool Redis>
@@ -488,6 +611,91 @@ void keys_from_the_bus_are_escaped_in_diagnostics(qn_mom_client_t *c)
         << err;
     EXPECT_EQ(err.find('\x1b'), std::string::npos);
     EXPECT_EQ(err.find('\x07'), std::string::npos);
+}
+
+void keys_over_the_limit_are_refused_on_write(qn_mom_client_t *c)
+{
+    const std::string prefix = "qnmom:12:p_utils.stovig_io:";
+    std::string at_limit = prefix + std::string(QN_MOM_MAX_KEY - prefix.size(), '7');
+    std::string over = prefix + std::string(QN_MOM_MAX_KEY + 1 - prefix.size(), '8');
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qn_mom_set_raw(c, QN_MOM_MONITOR_DB, over.c_str(), "x", 1), QN_MOM_ERR_PARAM);
+    EXPECT_EQ(qn_mom_set_raw(c, QN_MOM_MONITOR_DB, at_limit.c_str(), "x", 1), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    qn_mom_counters_t n{};
+    qn_mom_client_counters(c, &n);
+    EXPECT_EQ(n.refused_keys, 1u);
+    EXPECT_NE(err.find("qn_mom[NODE]: refused to write a key of 513 bytes (qnmom:12:p_utils.stovig_io:8888"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("...): over the 512-byte limit (1 refused so far)"), std::string::npos) << err;
+}
+
+TEST_F(BusValueSizeEmbedded, KeysOverTheLimitAreRefusedOnWrite)
+{
+    keys_over_the_limit_are_refused_on_write(c);
+}
+
+TEST_F(BusValueSizeRedis, KeysOverTheLimitAreRefusedOnWrite)
+{
+    keys_over_the_limit_are_refused_on_write(c);
+}
+
+/* Each log entry holds a new and an old value: large values fill the log by
+ * bytes long before its count bound. */
+TEST_F(BusValueSizeRedis, TheChangeLogIsBoundedInBytes)
+{
+    recorder sub;
+    io_record pattern(0, "");
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &sub), 0);
+    const int writes = 300; /* about 120 KB of log each: 36 MB unbounded */
+    for (int i = 0; i < writes; ++i) {
+        io_record big(1, std::to_string(i) + ":" + std::string(60000, 'b'));
+        ASSERT_EQ(qn_mom_set(c, QN_MOM_MONITOR_DB, big.msg(), 0, 0), 0);
+        if (i % 50 == 49)
+            ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
+    }
+    ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
+    long used = atol(server->command("MEMORY USAGE qnmom:stream SAMPLES 0").c_str());
+    long entries = atol(server->command("XLEN qnmom:stream").c_str());
+    EXPECT_LE(used, 34L * 1024 * 1024) << entries << " entries";
+    EXPECT_GT(entries, 100);
+    EXPECT_LT(entries, writes);
+    /* The newest changes are all there: the subscriber got the last one. */
+    ASSERT_TRUE(run_until([&] { return !sub.values.empty() && sub.values.back().substr(0, 6) == "1:299:"; }, 10000));
+}
+
+/* Written by another tool: neither a scan nor the change feed takes it. */
+TEST_F(BusValueSizeRedis, AKeyOverTheLimitInTheStoreIsNeitherReadNorDelivered)
+{
+    recorder sub;
+    io_record pattern(0, "");
+    ASSERT_EQ(qn_mom_subscribe(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &sub), 0);
+    ASSERT_TRUE(run_until([&] { return !sub.kinds.empty(); }));
+    sub.kinds.clear();
+    io_record rec(1, "sda");
+    size_t len = protobuf_c_message_get_packed_size(rec.msg());
+    std::string bytes(len, '\0');
+    protobuf_c_message_pack(rec.msg(), reinterpret_cast<uint8_t *>(bytes.data()));
+    const std::string key = "qnmom:12:p_utils.stovig_io:" + std::string(100000, '9');
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(server->command("SET %b %b", key.data(), key.size(), bytes.data(), bytes.size()), "OK");
+    std::string id = server->command("XADD qnmom:stream * o S k %b v %b p '' w someone", key.data(), key.size(),
+                                     bytes.data(), bytes.size());
+    EXPECT_FALSE(id.empty());
+    recorder scan;
+    ASSERT_EQ(qn_mom_scan(c, QN_MOM_MONITOR_DB, pattern.msg(), 0, recorder::cb, &scan), 0);
+    ASSERT_TRUE(run_until([&] { return scan.scan_over; }));
+    test_loop_run(20);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(scan.values.empty());
+    EXPECT_TRUE(sub.values.empty());
+    qn_mom_counters_t n{};
+    qn_mom_client_counters(c, &n);
+    EXPECT_EQ(n.refused_keys, 2u);
+    EXPECT_NE(err.find("did not read a key of 100027 bytes (qnmom:12:p_utils.stovig_io:9999"), std::string::npos)
+        << err.substr(0, 2000);
+    EXPECT_LT(err.size(), 2000u); /* the key itself is not printed */
 }
 
 TEST_F(BusValueSizeEmbedded, KeysFromTheBusAreEscapedInDiagnostics)

@@ -30,7 +30,8 @@ const char kUsage[] =
     "named by the config file in STOVIG_CONFIG ([bus] url = redis://HOST:PORT).\n"
     "Without one there is no shared bus (each process would have its own), and\n"
     "qn-bus refuses to run.  When the store cannot be reached within 3 seconds it\n"
-    "says so (\"cannot reach ...\") and exits with status 1.\n"
+    "says so (\"cannot reach ...\") and exits with status 1; so it does when the\n"
+    "store refuses any of its writes (out of memory, read-only...).\n"
     "\n"
     "Commands:\n"
     "  inventory [--keep] FILE\n"
@@ -477,7 +478,21 @@ int report(const char *what, int ret)
         fprintf(stderr, "qn-bus: %s failed with %d\n", what, ret);
         return 1;
     }
-    return settle();
+    ret = settle();
+    if (ret != 0)
+        return ret;
+    /* Every write has had its answer: any the store refused (even one kept
+     * for a retry the tool will not wait for) fails the command. */
+    qn_mom_counters_t n{};
+    qn_mom_client_counters(client, &n);
+    size_t left = qn_mom_client_outbox(client);
+    unsigned long long refusals = n.store_refusals + n.rejected_writes + n.refused_writes;
+    if (refusals == 0 && left == 0)
+        return 0;
+    unsigned long long writes = n.rejected_writes + n.refused_writes + left;
+    fprintf(stderr, "qn-bus: %s: the store refused %llu write%s (%llu refusal%s), %zu not made\n", what, writes,
+            writes == 1 ? "" : "s", refusals, refusals == 1 ? "" : "s", left);
+    return 1;
 }
 
 /* Stays on the bus as the device manager until killed: the client writes
