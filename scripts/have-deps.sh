@@ -8,13 +8,13 @@ missing() {
     exit 1
 }
 for tool in cmake make g++ clang clang++ pkg-config python3 protoc-c redis-server iostat iotop-c mkfs.ext4 mount \
-    unshare nsenter fdisk systemd-analyze; do
+    unshare nsenter fdisk systemd-analyze promtool prometheus; do
     command -v "$tool" >/dev/null 2>&1 || missing "$tool"
 done
 for lib in libevent libsystemd inih libprotobuf-c hiredis libedit; do
     pkg-config --exists "$lib" 2>/dev/null || missing "library $lib (pkg-config)"
 done
-for header in spdlog/spdlog.h gtest/gtest.h gmock/gmock.h benchmark/benchmark.h; do
+for header in spdlog/spdlog.h nlohmann/json.hpp gtest/gtest.h gmock/gmock.h benchmark/benchmark.h; do
     [ -f "/usr/include/$header" ] || [ -f "/usr/local/include/$header" ] || missing "header $header"
 done
 # libFuzzer's runtime, for the fuzz harnesses' clang build.

@@ -7,6 +7,7 @@
 #include "misc/res_zlog.h"
 #include "mom/res_mom_cap.h"
 #include "mom/res_mom_main.h"
+#include "mom/res_mom_metrics.h"
 #include "mon/res_mon_main.h"
 #include "res_main.h"
 
@@ -160,6 +161,10 @@ int main(void)
         RES_LOG(RES_CH_ZLOG, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, "Init monitor parameter failed.");
         return res_exit(pid_fd, ret);
     }
+
+    /* The metrics endpoint is an extra for the operator's tools: without it
+     * the monitors still run and the event lines are still written. */
+    res_mom_metrics_init(res_master);
 
     ret = res_misc_ham_feed_loop();
     if (ret != 0) {

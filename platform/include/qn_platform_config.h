@@ -41,6 +41,10 @@ struct qn_platform_config {
     std::string cli_socket;        /* empty: <run dir>/cli.sock */
     std::string startup_file;      /* empty: <run dir>/startup-config */
     int cli_idle_timeout = 600;    /* seconds without a command before a session is closed; 0 never */
+    /* [metrics] */
+    std::string metrics_listen;    /* "ADDR:PORT" as written; empty: no metrics endpoint */
+    std::string metrics_host;      /* numeric IPv4 or IPv6 address, without brackets */
+    int metrics_port = 0;
 
     std::string path;              /* the file read, empty when none */
 };

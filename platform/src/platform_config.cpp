@@ -1,6 +1,8 @@
 #include "qn_platform_config.h"
 
+#include <arpa/inet.h>
 #include <ini.h>
+#include <netinet/in.h>
 
 #include <cerrno>
 #include <climits>
@@ -96,6 +98,42 @@ const char *bus_url(qn_platform_config &c, const char *v)
     return nullptr;
 }
 
+/* [metrics] listen: a numeric address and a port, "127.0.0.1:9464" or
+ * "[::1]:9464".  Names are refused: resolving them would wait on the
+ * resolver at start-up, and an endpoint that moves with the name service is
+ * not what an operator means to expose. */
+const char *metrics_listen(qn_platform_config &c, const char *v)
+{
+    const char *reason = "expected ADDR:PORT with a numeric IPv4 address or [IPv6] address and a port 1-65535";
+    std::string text = v;
+    if (text.empty()) {
+        c.metrics_listen.clear();
+        c.metrics_host.clear();
+        c.metrics_port = 0;
+        return nullptr;
+    }
+    size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        return reason;
+    std::string host = text.substr(0, colon);
+    long long port;
+    if (!parse_int(text.c_str() + colon + 1, 1, 65535, &port) || text.find_first_not_of("0123456789", colon + 1) !=
+                                                                     std::string::npos)
+        return reason;
+    unsigned char addr[sizeof(struct in6_addr)];
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+        if (inet_pton(AF_INET6, host.c_str(), addr) != 1)
+            return reason;
+    } else if (inet_pton(AF_INET, host.c_str(), addr) != 1) {
+        return reason;
+    }
+    c.metrics_listen = text;
+    c.metrics_host = host;
+    c.metrics_port = static_cast<int>(port);
+    return nullptr;
+}
+
 const char *node_type(qn_platform_config &c, const char *v)
 {
     long long n;
@@ -163,6 +201,7 @@ const setting settings[] = {
     {"cli", "socket", str(&qn_platform_config::cli_socket)},
     {"cli", "startup_file", str(&qn_platform_config::startup_file)},
     {"cli", "idle_timeout", num(&qn_platform_config::cli_idle_timeout, 0, 31536000)},
+    {"metrics", "listen", metrics_listen},
 };
 
 int on_entry(void *user, const char *section, const char *key, const char *value)

@@ -1,4 +1,5 @@
 #include "cli/res_cli_main.h"
+#include "cli/res_cli_json.h"
 #include "cli/res_cli_show.h"
 #include "misc/res_zlog.h"
 #include "mom/res_mom_conf.h"
@@ -117,13 +118,18 @@ const cli_node *const cfg_storage_list[] = {&cfg_storage, nullptr};
 const cli_node cfg_guard = gate(CLI_NODE_TEST, cfg_storage_list, is_master);
 const cli_node *const res_cli_config_tree[] = {&cfg_guard, nullptr};
 
-/* show storage <item> [set] */
-#define SHOW_ITEM(tag, word, help, item, set_help, set_code)                                      \
-    const cli_node show_##tag##_eol = end_of_line(cfg_res_show_cmd, item);                        \
-    const cli_node show_##tag##_set_eol = end_of_line(cfg_res_show_set_cmd, set_code);            \
-    const cli_node *const show_##tag##_set_eol_list[] = {&show_##tag##_set_eol, nullptr};         \
-    const cli_node show_##tag##_set = keyword("set", set_help, show_##tag##_set_eol_list);        \
-    const cli_node *const show_##tag##_next[] = {&show_##tag##_eol, &show_##tag##_set, nullptr};  \
+/* show storage <item> [set | json] */
+#define SHOW_JSON_HELP "Monitor the system storage information as one JSON document"
+#define SHOW_ITEM(tag, word, help, item, set_help, set_code)                                       \
+    const cli_node show_##tag##_eol = end_of_line(cfg_res_show_cmd, item);                         \
+    const cli_node show_##tag##_set_eol = end_of_line(cfg_res_show_set_cmd, set_code);             \
+    const cli_node *const show_##tag##_set_eol_list[] = {&show_##tag##_set_eol, nullptr};          \
+    const cli_node show_##tag##_set = keyword("set", set_help, show_##tag##_set_eol_list);         \
+    const cli_node show_##tag##_json_eol = end_of_line(cfg_res_show_json_cmd, item);               \
+    const cli_node *const show_##tag##_json_eol_list[] = {&show_##tag##_json_eol, nullptr};        \
+    const cli_node show_##tag##_json = keyword("json", SHOW_JSON_HELP, show_##tag##_json_eol_list); \
+    const cli_node *const show_##tag##_next[] = {&show_##tag##_eol, &show_##tag##_set,             \
+                                                 &show_##tag##_json, nullptr};                     \
     const cli_node show_##tag = keyword(word, help, show_##tag##_next)
 
 SHOW_ITEM(io, "io", "Monitor the system storage io information", RES_SHOW_IO,
@@ -135,8 +141,11 @@ SHOW_ITEM(cap, "capacity", "Monitor the system storage capacity information", RE
 SHOW_ITEM(disk, "lifetime", "Monitor the system storage lifetime information", RES_SHOW_LIFETIME,
           "Monitor the system storage lifetime setting", SHOW_SET_LIFETIME);
 const cli_node show_all_eol = end_of_line(cfg_res_show_cmd, RES_SHOW_ALL);
-const cli_node *const show_all_eol_list[] = {&show_all_eol, nullptr};
-const cli_node show_all = keyword("all-info", "Monitor the system storage all information", show_all_eol_list);
+const cli_node show_all_json_eol = end_of_line(cfg_res_show_json_cmd, RES_SHOW_ALL);
+const cli_node *const show_all_json_eol_list[] = {&show_all_json_eol, nullptr};
+const cli_node show_all_json = keyword("json", SHOW_JSON_HELP, show_all_json_eol_list);
+const cli_node *const show_all_next[] = {&show_all_eol, &show_all_json, nullptr};
+const cli_node show_all = keyword("all-info", "Monitor the system storage all information", show_all_next);
 const cli_node *const show_items[] = {&show_all, &show_io, &show_ro, &show_cap, &show_disk, nullptr};
 const cli_node show_storage = keyword("storage", "Monitor the system storage", show_items);
 const cli_node *const show_storage_list[] = {&show_storage, nullptr};
@@ -338,6 +347,11 @@ int cfg_res_dbg_cmd(struct cli_parse_block *pb)
 int cfg_res_show_cmd(struct cli_parse_block *pb)
 {
     return res_cli_show_storage(pb->subcode, cli_printf);
+}
+
+int cfg_res_show_json_cmd(struct cli_parse_block *pb)
+{
+    return res_cli_show_storage_json(pb->subcode, cli_printf);
 }
 
 int cfg_res_show_set_cmd(struct cli_parse_block *pb)

@@ -20,5 +20,7 @@ int cfg_res_disk_set_cmd(struct cli_parse_block *pb);
 int cfg_res_dbg_cmd(struct cli_parse_block *pb);
 int cfg_res_show_cmd(struct cli_parse_block *pb);
 int cfg_res_show_set_cmd(struct cli_parse_block *pb);
+/* "show storage <item> json" */
+int cfg_res_show_json_cmd(struct cli_parse_block *pb);
 
 #endif

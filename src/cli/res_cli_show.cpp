@@ -112,8 +112,7 @@ void show_lifetime(const res_mom_node *node, bool titled, res_cli_printer print)
         print("Storage lifetime information:\n");
     if (disk_interval == RES_MON_CLOSED) {
         print("Storage lifetime monitor is closed.\n");
-    } else if ((res_disk_type == RES_DISK_SSD && access(res_host_path("/sbin/smartctl").c_str(), F_OK) != 0) ||
-               (res_disk_type != RES_DISK_EMMC && res_disk_type != RES_DISK_SSD)) {
+    } else if (!res_cli_lifetime_supported()) {
         print("Storage lifetime monitor is not support.\n");
     } else if (res_list_empty(&node->lifetime_list)) {
         print("Storage lifetime is not ready, please wait and try again.\n");
@@ -134,6 +133,13 @@ void show_lifetime(const res_mom_node *node, bool titled, res_cli_printer print)
 }
 
 } // namespace
+
+bool res_cli_lifetime_supported(void)
+{
+    if (res_disk_type == RES_DISK_SSD)
+        return access(res_host_path("/sbin/smartctl").c_str(), F_OK) == 0;
+    return res_disk_type == RES_DISK_EMMC;
+}
 
 int res_cli_show_storage(int32_t item, res_cli_printer print)
 {

@@ -16,4 +16,8 @@ typedef int (*res_cli_printer)(const char *fmt, ...);
  * outside 1..5 or no printer. */
 int res_cli_show_storage(int32_t item, res_cli_printer print);
 
+/* Whether the lifetime of this storage type can be shown: eMMC, or SSD with
+ * the SMART tool present. */
+bool res_cli_lifetime_supported(void);
+
 #endif

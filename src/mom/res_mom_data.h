@@ -100,6 +100,15 @@ struct res_mom_lifetime_node {
     struct res_list_head list;
 };
 
+/* The kinds of record a node publishes, as the store times them. */
+enum res_mom_rec_kind {
+    RES_MOM_REC_IO = 0,     /* disk and process I/O */
+    RES_MOM_REC_VOL,        /* partition capacity */
+    RES_MOM_REC_RO,         /* read-only mounts */
+    RES_MOM_REC_LIFETIME,   /* flash lifetime */
+    RES_MOM_REC_KIND_NUM
+};
+
 /* One node (called local_list in the log texts).  devid, slotid and sslotid
  * are the node's index, compared as one unit. */
 struct res_mom_node {
@@ -116,6 +125,11 @@ struct res_mom_node {
     struct res_list_head part_list;
     struct res_list_head lifetime_list;
     struct res_list_head list;
+    /* When each kind of record last reached this node (monotonic ms, 0 =
+     * never); the master's outputs show these as the age of the node's data. */
+    uint64_t rx_ms[RES_MOM_REC_KIND_NUM];
+    /* Set while the node's I/O record is overdue (the master's watch). */
+    uint32_t stale;
 };
 
 /* The local node: static, first in the node list, never freed. */

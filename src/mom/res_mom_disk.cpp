@@ -1,5 +1,6 @@
 /* Flash lifetime records: the node publishes its lifetime table, the master
  * keeps every node's devices and writes a line when a verdict changes. */
+#include "mom/res_mom_age.h"
 #include "mom/res_mom_disk.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
@@ -121,6 +122,7 @@ int res_mom_save_disk_lft(int event, void *value)
         RES_ERR("device is not exist in list.");
         return 0;
     }
+    res_mom_node_mark_rx(node, RES_MOM_REC_LIFETIME);
     if (rec->n_info < 1 || !rec->info) {
         RES_ERR("save node lifetime capacity informaion failed.");
         return 0;

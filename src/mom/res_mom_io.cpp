@@ -1,6 +1,7 @@
 /* I/O records: the master subscribes to and scans every node's I/O record,
  * and follows the upgrade and ISSU state records, which hold back I/O
  * warnings while the device is being upgraded. */
+#include "mom/res_mom_age.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_enum.h"
 #include "mom/res_mom_main.h"
@@ -256,6 +257,7 @@ int res_mom_save_io(const PUtils__StovigIo *message)
         RES_ERR("device is not exist in list.");
         return 0;
     }
+    res_mom_node_mark_rx(node, RES_MOM_REC_IO);
     res_disk_io_warning_save_task(node, message);
     res_mom_save_proc_io(node, message);
     return 0;

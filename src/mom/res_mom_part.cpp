@@ -1,6 +1,7 @@
 /* Partition capacity and read-only records: one handler per record kind, the
  * node's publishers reading the partition table, and the master's saving of
  * received records with its warning and recovery lines. */
+#include "mom/res_mom_age.h"
 #include "mom/res_mom_part.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_main.h"
@@ -261,6 +262,7 @@ int res_mom_save_vol(const PUtils__StovigPartInfo *message)
         RES_ERR("can't get node from list.");
         return -1;
     }
+    res_mom_node_mark_rx(node, RES_MOM_REC_VOL);
     return res_mom_save_part_vol(node, message);
 }
 
@@ -315,6 +317,7 @@ int res_mom_save_ro(const PUtils__StovigPartRo *message)
         RES_ERR("get node from list failed.");
         return -1;
     }
+    res_mom_node_mark_rx(node, RES_MOM_REC_RO);
     return res_mom_save_part_ro(node, message);
 }
 

@@ -652,8 +652,9 @@ TEST_F(BusValueSizeRedis, TheChangeLogIsBoundedInBytes)
     for (int i = 0; i < writes; ++i) {
         io_record big(1, std::to_string(i) + ":" + std::string(60000, 'b'));
         ASSERT_EQ(qn_mom_set(c, QN_MOM_MONITOR_DB, big.msg(), 0, 0), 0);
-        if (i % 50 == 49)
+        if (i % 50 == 49) {
             ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
+        }
     }
     ASSERT_TRUE(run_until([&] { return qn_mom_client_outbox(c) == 0; }, 10000));
     long used = atol(server->command("MEMORY USAGE qnmom:stream SAMPLES 0").c_str());

@@ -1,0 +1,125 @@
+/* A node store with known figures for the renderers' tests: the local node
+ * (slot1, a box) with two disks, two processes, four partitions and an eMMC
+ * lifetime, and the settings at their defaults. */
+#ifndef STORE_FIXTURE_H
+#define STORE_FIXTURE_H
+
+#include "mom/res_mom_data.h"
+#include "mon/res_mon_main.h"
+#include "qn_platform_config.h"
+#include "res_main.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+inline res_mom_disk_io_node store_disk(const char *name, double r, double w, double u, uint32_t flag)
+{
+    res_mom_disk_io_node d{};
+    snprintf(d.disk_name, sizeof d.disk_name, "%s", name);
+    d.io_read = r;
+    d.io_write = w;
+    d.io_util = u;
+    d.io_flag = flag;
+    return d;
+}
+
+inline res_mom_proc_io_node store_proc(uint32_t pid, const char *name, double r, double w)
+{
+    res_mom_proc_io_node p{};
+    p.proc_id = pid;
+    snprintf(p.proc_name, sizeof p.proc_name, "%s", name);
+    p.io_read = r;
+    p.io_write = w;
+    return p;
+}
+
+inline void store_part(res_mom_node *node, const char *path, const char *name, uint64_t total, uint64_t used,
+                       uint32_t vol_flag, uint32_t ro_flag, uint32_t visible, uint32_t exist)
+{
+    res_mom_part_node *p = res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
+    ASSERT_NE(nullptr, p);
+    snprintf(p->part_uname, sizeof p->part_uname, "%s", name);
+    p->total_vol = total;
+    p->use_vol = used;
+    p->vol_flag = vol_flag;
+    p->ro_flag = ro_flag;
+    p->vol_visible = p->ro_visible = visible;
+    p->exist = exist;
+}
+
+inline void store_lifetime(res_mom_node *node, const char *name, uint64_t left, int32_t flag)
+{
+    res_mom_lifetime_node l{};
+    snprintf(l.disk_name, sizeof l.disk_name, "%s", name);
+    l.left_lifetime = left;
+    l.flag = flag;
+    ASSERT_EQ(0, res_mom_add_node_disk_lft_list(&l, &node->lifetime_list));
+}
+
+class KnownStore : public ::testing::Test {
+  protected:
+    void SetUp() override
+    {
+        unsetenv("STOVIG_CONFIG");
+        qn_platform_config_reload();
+        ASSERT_EQ(0, res_mom_data_init());
+        res_local_node.devid = 0;
+        res_local_node.slotid = 1;
+        res_local_node.sslotid = 0;
+        res_local_node.user_slot = 1;
+        for (uint64_t &at : res_local_node.rx_ms)
+            at = 0;
+        res_local_node.stale = 0;
+        io_interval = 10;
+        io_threshold = 50;
+        ro_interval = 30;
+        cap_interval = 30;
+        cap_threshold = 80;
+        disk_interval = 60;
+        disk_threshold = 12;
+        res_disk_type = RES_DISK_EMMC;
+    }
+    void TearDown() override
+    {
+        for (uint64_t &at : res_local_node.rx_ms)
+            at = 0;
+        res_local_node.stale = 0;
+        res_mom_data_init();
+    }
+
+    void fill_local()
+    {
+        res_mom_disk_io_node d1 = store_disk("sda", 12.5, 300.25, 87.5, 2);
+        res_mom_disk_io_node d2 = store_disk("mmcblk0", 0, 1024, 3.125, 1);
+        ASSERT_EQ(0, res_mom_add_node_disk_io_list(&d1, &res_local_node.disk_io_list));
+        ASSERT_EQ(0, res_mom_add_node_disk_io_list(&d2, &res_local_node.disk_io_list));
+        res_mom_proc_io_node p1 = store_proc(1234, "dd", 4096, 8192.5);
+        res_mom_proc_io_node p2 = store_proc(77, "kworker/u8:1", 0, 10);
+        ASSERT_EQ(0, res_mom_add_node_proc_io_list(&p1, &res_local_node.proc_io_list));
+        ASSERT_EQ(0, res_mom_add_node_proc_io_list(&p2, &res_local_node.proc_io_list));
+        store_part(&res_local_node, "/data", "flash", 1000, 875, 2, 2, 1, 1);
+        store_part(&res_local_node, "/", "rootfs", 5000, 100, 0, 0, 0, 1);
+        store_part(&res_local_node, "/mnt/usb0", "usb0", 4, 1, 1, 1, 1, 1);
+        store_part(&res_local_node, "/mnt/sd0", "sd0", 3, 1, 0, 0, 1, 0);
+        store_lifetime(&res_local_node, "emmc", 1, 2);
+    }
+
+    /* A remote node (slot 3, no card known) with one disk, appended in
+     * user-slot order. */
+    res_mom_node *add_remote(int32_t slotid, int32_t user_slot)
+    {
+        res_mom_node *n = res_mom_malloc_node_init();
+        EXPECT_NE(nullptr, n);
+        n->devid = 0;
+        n->slotid = slotid;
+        n->sslotid = 0;
+        n->user_slot = user_slot;
+        res_mom_add_node_info_list(n);
+        return n;
+    }
+};
+
+#endif
