@@ -130,6 +130,9 @@ struct res_mom_node {
     uint64_t rx_ms[RES_MOM_REC_KIND_NUM];
     /* Set while the node's I/O record is overdue (the master's watch). */
     uint32_t stale;
+    /* Timer seconds since the node's last I/O record or since its watch
+     * began (res_mom_stale). */
+    uint32_t stale_ticks;
 };
 
 /* The local node: static, first in the node list, never freed. */

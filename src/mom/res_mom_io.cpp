@@ -5,6 +5,7 @@
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_enum.h"
 #include "mom/res_mom_main.h"
+#include "mom/res_mom_stale.h"
 #include "mom/res_mom_data.h"
 #include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
@@ -317,7 +318,13 @@ int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
         res_mom_sub_flag |= RES_MOM_SUB_IO;
         return res_mom_io_handler(RES_MOM_OP_SCAN, nullptr);
     }
-    return res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply)));
+    auto *rec = reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply));
+    int ret = res_mom_save_io(rec);
+    /* Only a change is a fresh report: a scan hands back the last record of
+     * a node that has gone quiet as well. */
+    if (rec)
+        res_mom_stale_io_report(rec->index);
+    return ret;
 }
 
 int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)

@@ -7,6 +7,7 @@
 #include "mom/res_mom_disk.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_part.h"
+#include "mom/res_mom_stale.h"
 #include "misc/res_zlog.h"
 
 #include "proto/p_dev.pb-c.h"
@@ -225,6 +226,7 @@ void res_mom_timers_cancel(void)
     res_mom_master_thread = nullptr;
     res_mom_conn_check_thread = nullptr;
     res_mom_dev_timers_cancel();
+    res_mom_stale_stop();
 }
 
 int res_mom_check_master(void)
@@ -239,6 +241,9 @@ int res_mom_check_master(void)
 
 int res_mom_master_handle(void)
 {
+    /* The watch over nodes that stop reporting runs from the first time
+     * this node is master; it judges only while the role holds. */
+    res_mom_stale_start();
     if (res_mom_master_thread)
         return 0;
     res_mom_master_thread = qn_thread_add_timer_withname(res_mom_master, res_mom_master_timer, nullptr,
@@ -297,5 +302,9 @@ int res_mom_db_rcb(qn_mom_client_t *, uint32_t db, int type)
     } else if (type == 2) {
         RES_DBG("detect mom reconnected by RMC_SERVER_CON_CHANGE.");
     }
+    /* Nothing reached the master while the link was down: no node is
+     * blamed for that. */
+    if (type == 1 || type == 2)
+        res_mom_stale_link_back();
     return 0;
 }
