@@ -96,7 +96,9 @@ class Heal(unittest.TestCase):
             n.stop()
         c.keeper.stop()
         c.restart_store()
-        before = {n: n.count("reset cap threshold from 80 to 70.") for n in (lc, standby)}
+        applied_lines = ("reset cap threshold from 80 to 70.", "reset io threshold from 50 to 60.",
+                         "reset cap interval from 30 to 60.")
+        before = {(n, t): n.count(t) for n in (lc, standby) for t in applied_lines}
         sends = m.count("SEND conf from mom with ret[0]")
         c.keeper.start()
         for n in (m, standby, lc):
@@ -106,9 +108,8 @@ class Heal(unittest.TestCase):
         self.assertTrue(m.wait_count("QN_MOM_DEV_DB is not connect ready.", 1, 30), m.log_text()[-3000:])
         self.assertTrue(m.wait_count("SEND conf from mom with ret[0]", sends + 1, 30), m.log_text()[-3000:])
         for n in (lc, standby):
-            self.assertTrue(n.wait_count("reset cap threshold from 80 to 70.", before[n] + 1, 30), n.log_text()[-3000:])
-            self.assertTrue(n.wait_count("reset io threshold from 50 to 60.", 2, 10), n.log_text()[-3000:])
-            self.assertTrue(n.wait_count("reset cap interval from 30 to 60.", 2, 10), n.log_text()[-3000:])
+            for t in applied_lines:
+                self.assertTrue(n.wait_count(t, before[(n, t)] + 1, 30), t + "\n" + n.log_text()[-3000:])
         sent = line_times(m, "SEND conf from mom with ret[0]")[-1]
         ends = line_times(m, "handle master process.")[-1]
         applied = [line_times(n, "reset cap threshold from 80 to 70.")[-1] for n in (lc, standby)]
