@@ -2,6 +2,7 @@
 #include "misc/res_escape.h"
 #include "misc/res_path.h"
 #include "mom/res_mom_conf.h"
+#include "mom/res_mom_main.h"
 #include "qn_syslog.h"
 
 #include <fcntl.h>
@@ -105,7 +106,7 @@ void res_debug_off(int kind)
     if (kind != 2 || res_dbg_level == 0)
         return;
     res_dbg_level = 0;
-    res_mom_dbg_handler(1);
+    res_mom_dbg_handler(RES_MOM_OP_SEND);
 }
 
 void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, const char *func, int line,

@@ -1,6 +1,7 @@
 /* Flash lifetime records: the node publishes its lifetime table, the master
  * keeps every node's devices and writes a line when a verdict changes. */
 #include "mom/res_mom_age.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_disk.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
@@ -140,11 +141,11 @@ int res_mom_save_disk_lft(int event, void *value)
         }
         if (e->ltime_flag != d->flag) {
             char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->ltime_flag == 2) {
+            if (e->ltime_flag == RES_HEALTH_WARNING) {
                 at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name,
                             name, static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
                 res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
-            } else if (e->ltime_flag == 1) {
+            } else if (e->ltime_flag == RES_HEALTH_RECOVERED) {
                 at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime recover health !", node_name, name);
                 res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
             }

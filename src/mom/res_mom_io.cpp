@@ -2,6 +2,7 @@
  * and follows the upgrade and ISSU state records, which hold back I/O
  * warnings while the device is being upgraded. */
 #include "mom/res_mom_age.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_enum.h"
 #include "mom/res_mom_main.h"
@@ -25,6 +26,10 @@
 #define RES_IO_SKIP_LEN 12
 
 uint32_t res_mom_upgrade_flag = 0;
+
+/* The I/O record carries its health flag as a double. */
+constexpr double RES_IO_FLAG_WARNING = static_cast<double>(RES_HEALTH_WARNING);
+constexpr double RES_IO_FLAG_RECOVERED = static_cast<double>(RES_HEALTH_RECOVERED);
 
 void *res_mom_reply_value(qn_mom_reply_t *reply)
 {
@@ -195,22 +200,22 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
             break;
         }
         /* A disk seen for the first time counts as normal. */
-        if (d->io_flag == 0)
-            d->io_flag = 1;
+        if (d->io_flag == RES_HEALTH_OK)
+            d->io_flag = RES_HEALTH_RECOVERED;
         double n = e->io_flag;
         if (n != static_cast<double>(d->io_flag)) {
             if (res_mom_upgrade_flag != 0) {
                 /* While upgrading only recoveries get through; a new warning
                  * waits for the first record after the gate opens. */
-                if (n == 1) {
-                    d->io_flag = 1;
+                if (n == RES_IO_FLAG_RECOVERED) {
+                    d->io_flag = RES_HEALTH_RECOVERED;
                     res_mom_io_event("returned to normal", node_name, e);
                 }
             } else {
                 d->io_flag = res_sat_u32_from_double(n);
-                if (n == 2)
+                if (n == RES_IO_FLAG_WARNING)
                     res_mom_io_event("usage", node_name, e);
-                else if (n == 1)
+                else if (n == RES_IO_FLAG_RECOVERED)
                     res_mom_io_event("returned to normal", node_name, e);
             }
         }

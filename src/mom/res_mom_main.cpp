@@ -189,7 +189,7 @@ int res_mom_get_devinfo(struct qn_thread *)
     if (res_mom_sub_flag & RES_MOM_SUB_ROLE) {
         if (local->role == RES_MOM_ROLE_UNSET) {
             int32_t node_type = ndm_get_my_node_type();
-            if (node_type == 1 || node_type == 2) {
+            if (node_type == NDM_NODE_TYPE_BOX || node_type == NDM_NODE_TYPE_CM) {
                 int32_t role = ndm_get_my_dev_grole();
                 RES_DBG("get local role[%d]", role);
                 if (role >= 1)

@@ -2,6 +2,7 @@
  * node's publishers reading the partition table, and the master's saving of
  * received records with its warning and recovery lines. */
 #include "mom/res_mom_age.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_part.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_main.h"
@@ -228,11 +229,11 @@ int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInf
         at_snprintf(threshold, sizeof threshold, "%.2f", static_cast<double>(cap_threshold));
         if (e->flag != p->vol_flag) {
             char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->flag == 2) {
+            if (e->flag == RES_HEALTH_WARNING) {
                 at_snprintf(buf, sizeof buf, "%s High partition %s usage: %s%%, the capacity threshold is %s%%.",
                             node_name, uname, usage, threshold);
                 res_event_line(RES_SRC_FILE, "res_part_vol_warning_task", __LINE__, buf);
-            } else if (e->flag == 1) {
+            } else if (e->flag == RES_HEALTH_RECOVERED) {
                 at_snprintf(buf, sizeof buf,
                             "%s Partition %s usage returned to normal: %s%%, the capacity threshold is %s%%.",
                             node_name, uname, usage, threshold);
@@ -288,10 +289,10 @@ int res_mom_save_part_ro(struct res_mom_node *node, const PUtils__StovigPartRo *
         ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
         if (e->ro_flag != p->ro_flag) {
             char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->ro_flag == 2) {
+            if (e->ro_flag == RES_HEALTH_WARNING) {
                 at_snprintf(buf, sizeof buf, "%s Partition %s is readonly.", node_name, uname);
                 res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
-            } else if (e->ro_flag == 1) {
+            } else if (e->ro_flag == RES_HEALTH_RECOVERED) {
                 at_snprintf(buf, sizeof buf, "%s Partition %s read and write returned to normal.", node_name, uname);
                 res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
             }

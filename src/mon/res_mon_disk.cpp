@@ -1,6 +1,7 @@
 #include "mon/res_mon_disk.h"
 #include "mom/res_mom_disk.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
 #include "misc/res_run_dir.h"
@@ -241,9 +242,9 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
     RES_DBG("abrasion:%d persent, used_life_time:%d month", wear, months);
 
     int32_t left = res_emmc_left_life(wear, months);
-    int candidate = wear > 99 ? 2 : 0;
+    int candidate = wear > 99 ? RES_HEALTH_WARNING : RES_HEALTH_OK;
     RES_DBG("emmc left life time: %d", left);
-    int warning = disk_threshold < left ? candidate : 2;
+    int warning = disk_threshold < left ? candidate : RES_HEALTH_WARNING;
 
     struct res_disk_info_t *d = &res_disk_info[0];
     snprintf(d->name, sizeof d->name, "%s", "emmc");
@@ -251,8 +252,8 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
     RES_DBG("res_disk_info[%d].disk_used_time:[%d].", 0, d->disk_used_time);
     d->disk_used_time = months;
     RES_DBG("res_disk_info[i].flag is %d, warning_flag is %d", d->flag, warning);
-    if (d->flag == 2 && warning == 0)
-        warning = 1;
+    if (d->flag == RES_HEALTH_WARNING && warning == RES_HEALTH_OK)
+        warning = RES_HEALTH_RECOVERED;
     d->flag = warning;
 
     res_mom_disk_send(RES_DISK_INFO_NUM);
@@ -408,7 +409,8 @@ void res_ssd_lifetime_update(void)
         ratio = (used == 0 ? 0 : 100 / used) - 1;
     }
     int32_t left = static_cast<int32_t>(static_cast<uint32_t>(ratio) * months);
-    int32_t flag = static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? 2 : 0;
+    int32_t flag =
+        static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? RES_HEALTH_WARNING : RES_HEALTH_OK;
 
     struct res_disk_info_t *d = &res_disk_info[0];
     snprintf(d->name, sizeof d->name, "%.31s", s->model);

@@ -1,6 +1,7 @@
 #include "mon/res_mon_io_stat.h"
 #include "mom/res_mom_io.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
 #include "misc/res_zlog.h"
@@ -268,17 +269,17 @@ void res_mon_calc_io_stats(void)
             d->f_await = tick_diff(c->fl_ticks, p->fl_ticks) / static_cast<double>(fl_ios);
 
         if (d->util >= threshold) {
-            if (d->io_warn_state != 2) {
+            if (d->io_warn_state != RES_HEALTH_WARNING) {
                 io_warn_count += 1;
                 if (io_warn_count == 3) {
                     RES_DBG("io warning reach three times!");
-                    d->io_warn_state = 2;
+                    d->io_warn_state = RES_HEALTH_WARNING;
                     io_warn_count = 0;
                 }
             }
-        } else if (d->io_warn_state == 2) {
+        } else if (d->io_warn_state == RES_HEALTH_WARNING) {
             RES_DBG("io warning recover!");
-            d->io_warn_state = 1;
+            d->io_warn_state = RES_HEALTH_RECOVERED;
             io_warn_count = 0;
         }
     }

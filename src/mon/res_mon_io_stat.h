@@ -42,7 +42,7 @@ struct io_device {
     uint32_t exist;
     uint32_t major;
     uint32_t minor;
-    uint32_t io_warn_state; /* 0 never warned, 2 warning raised, 1 recovered */
+    uint32_t io_warn_state; /* enum res_health: OK never warned, WARNING raised, RECOVERED */
     struct io_sample prev;
     struct io_sample cur;
     double util;

@@ -1,6 +1,7 @@
 #include "mon/res_mon_part.h"
 #include "mom/res_mom_part.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
 #include "misc/res_zlog.h"
@@ -176,9 +177,9 @@ void res_mon_part_fill_cap(struct res_part_info *p, const struct statfs *st, flo
     /* A zero total gives NaN, which never compares as over the threshold. */
     const double rate = static_cast<float>(p->used_kb) / static_cast<float>(p->total_kb) * 100.0;
     if (rate >= threshold)
-        p->usage_state = 2;
+        p->usage_state = RES_HEALTH_WARNING;
     else
-        p->usage_state = p->usage_state == 2 ? 1 : 0;
+        p->usage_state = p->usage_state == RES_HEALTH_WARNING ? RES_HEALTH_RECOVERED : RES_HEALTH_OK;
 }
 
 int res_mon_part_cap_timer_func(struct qn_thread *thread)
@@ -222,7 +223,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
         RES_VERBOSE("open %s with ret[%d] and errno[%d]", probe, fd, err);
         if (fd >= 0) {
             close(fd);
-            p->ro_state = p->ro_state == 2 ? 1 : 0;
+            p->ro_state = p->ro_state == RES_HEALTH_WARNING ? RES_HEALTH_RECOVERED : RES_HEALTH_OK;
             res_probe_refused[i] = false;
         } else if (err == ELOOP) {
             /* Could not probe: the state stays as it was. */
@@ -230,7 +231,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
                 RES_ERR("probe file %s is a symbolic link or not a regular file, not probed.", probe);
             res_probe_refused[i] = true;
         } else if (err == EROFS) {
-            p->ro_state = 2;
+            p->ro_state = RES_HEALTH_WARNING;
         }
     }
     res_mom_part_ro_send(RES_PART_NUM);
