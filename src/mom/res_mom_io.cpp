@@ -348,9 +348,20 @@ int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)
 
 namespace {
 
+/* The upgrade and the ISSU records share their reading of a reply value;
+ * only the end of two of its lines tells them apart. */
+struct res_mom_gate_kind {
+    /* kept: the ISSU lines end in a newline of their own, the upgrade
+     * lines do not. */
+    const char *line_end;
+};
+
+const res_mom_gate_kind res_mom_upgrade_gate = {""};
+const res_mom_gate_kind res_mom_issu_gate = {"\n"};
+
 /* The record carried by a reply value, or null; -1 in *bad when the value is
  * not usable at all. */
-const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, int *bad)
+const ProtobufCMessage *res_mom_gate_record(int event, void *value, const res_mom_gate_kind &kind, int *bad)
 {
     *bad = 0;
     if (event == RES_MOM_KIND_VALUE_DIRECT || event == RES_MOM_KIND_SCAN_VALUE)
@@ -358,13 +369,13 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
     if (event == RES_MOM_KIND_VALUE || event == RES_MOM_KIND_VALUE_FIELDS) {
         auto *res = static_cast<qn_mom_res_t *>(value);
         if (!res || res->error) {
-            RES_ERR(issu ? "res unexpected, error!\n" : "res unexpected, error!");
+            RES_ERR("res unexpected, error!%s", kind.line_end);
             *bad = 1;
             return nullptr;
         }
         return res->value;
     }
-    RES_DBG(issu ? "ignore cmd:%d\n" : "ignore cmd:%d", event);
+    RES_DBG("ignore cmd:%d%s", event, kind.line_end);
     *bad = 1;
     return nullptr;
 }
@@ -374,7 +385,7 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
 int res_mom_save_upgrade_flag(int event, void *value)
 {
     int bad;
-    auto *rec = reinterpret_cast<const PUtils__UpgradeGlobalStatus *>(res_mom_gate_record(event, value, false, &bad));
+    auto *rec = reinterpret_cast<const PUtils__UpgradeGlobalStatus *>(res_mom_gate_record(event, value, res_mom_upgrade_gate, &bad));
     if (bad)
         return -1;
     if (!rec) {
@@ -395,7 +406,7 @@ int res_mom_save_upgrade_flag(int event, void *value)
 int res_mom_save_issu_flag(int event, void *value)
 {
     int bad;
-    auto *rec = reinterpret_cast<const PUtils__IssuNGlobalInfo *>(res_mom_gate_record(event, value, true, &bad));
+    auto *rec = reinterpret_cast<const PUtils__IssuNGlobalInfo *>(res_mom_gate_record(event, value, res_mom_issu_gate, &bad));
     if (bad)
         return -1;
     if (!rec) {

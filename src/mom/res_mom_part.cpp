@@ -20,50 +20,79 @@
 
 namespace {
 
-int res_mom_part_handler(uint32_t op, void *data, bool ro)
+/* Both partition records with their index: the pattern of a delete, scan
+ * or subscription, or the record a send fills. */
+struct res_mom_part_records {
+    PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
+    PUtils__StovigPartInfo vol = P_UTILS__STOVIG_PART_INFO__INIT;
+    PUtils__StovigPartRo ro = P_UTILS__STOVIG_PART_RO__INIT;
+};
+
+/* What sets the capacity record and the read-only record apart, one
+ * constant per kind: its callbacks, how it is built from the table and the
+ * word of the handler's line. */
+struct res_mom_part_kind {
+    const char *what; /* "volume", "read-only" */
+    qn_mom_cb_t scan_cb;
+    qn_mom_cb_t sub_cb;
+    ProtobufCMessage *(*record)(res_mom_part_records *r);
+    /* Builds the record from the first `count` table rows and stores it. */
+    int (*set)(res_mom_part_records *r, int32_t count);
+};
+
+/* Each kind's record among the handler's two. */
+ProtobufCMessage *res_mom_part_vol_record(res_mom_part_records *r) { return &r->vol.base; }
+ProtobufCMessage *res_mom_part_ro_record(res_mom_part_records *r) { return &r->ro.base; }
+
+int res_mom_part_vol_store(res_mom_part_records *r, int32_t count)
+{
+    return res_mom_part_vol_set(&r->vol, count);
+}
+
+int res_mom_part_ro_store(res_mom_part_records *r, int32_t count)
+{
+    return res_mom_part_ro_set(&r->ro, count);
+}
+
+const res_mom_part_kind res_mom_part_vol_kind = {"volume", res_mom_scan_vol_cb, res_mom_sub_vol_cb,
+                                                 res_mom_part_vol_record, res_mom_part_vol_store};
+const res_mom_part_kind res_mom_part_ro_kind = {"read-only", res_mom_scan_ro_cb, res_mom_sub_ro_cb,
+                                                res_mom_part_ro_record, res_mom_part_ro_store};
+
+int res_mom_part_handler(uint32_t op, void *data, const res_mom_part_kind &kind)
 {
     if (!RES_MOM_OP_VALID(op))
         return -1;
-    PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
-    PUtils__StovigPartInfo vol = P_UTILS__STOVIG_PART_INFO__INIT;
-    PUtils__StovigPartRo rorec = P_UTILS__STOVIG_PART_RO__INIT;
-    vol.index = &index;
-    rorec.index = &index;
-    const ProtobufCMessage *rec = ro ? &rorec.base : &vol.base;
+    res_mom_part_records records;
+    records.vol.index = records.ro.index = &records.index;
+    const ProtobufCMessage *rec = kind.record(&records);
     int ret = 0;
     switch (op) {
-    case RES_MOM_OP_SEND: {
+    case RES_MOM_OP_SEND:
         if (!data)
             return -1;
-        int32_t count = *static_cast<const int32_t *>(data);
-        ret = ro ? res_mom_part_ro_set(&rorec, count) : res_mom_part_vol_set(&vol, count);
+        ret = kind.set(&records, *static_cast<const int32_t *>(data));
         break;
-    }
     case RES_MOM_OP_DEL: {
         if (!data)
             return -1;
         const int32_t *idx = static_cast<const int32_t *>(data);
-        index.t_devid = idx[0];
-        index.t_slotid = idx[1];
-        index.t_sslotid = idx[2];
+        records.index.t_devid = idx[0];
+        records.index.t_slotid = idx[1];
+        records.index.t_sslotid = idx[2];
         ret = qn_mom_del(res_mom_client, QN_MOM_MONITOR_DB, rec, 0, 0);
         break;
     }
     case RES_MOM_OP_SCAN:
-        ret = qn_mom_scan(res_mom_client, QN_MOM_MONITOR_DB, rec, 0, ro ? res_mom_scan_ro_cb : res_mom_scan_vol_cb,
-                          nullptr);
+        ret = qn_mom_scan(res_mom_client, QN_MOM_MONITOR_DB, rec, 0, kind.scan_cb, nullptr);
         break;
     case RES_MOM_OP_SUB:
-        ret = qn_mom_subscribe(res_mom_client, QN_MOM_MONITOR_DB, rec, 0, ro ? res_mom_sub_ro_cb : res_mom_sub_vol_cb,
-                               nullptr);
+        ret = qn_mom_subscribe(res_mom_client, QN_MOM_MONITOR_DB, rec, 0, kind.sub_cb, nullptr);
         break;
     default:
         break;
     }
-    if (ro)
-        RES_VERBOSE("%s part read-only from mom with ret[%d]", res_mom_op_name[op], ret);
-    else
-        RES_VERBOSE("%s part volume from mom with ret[%d]", res_mom_op_name[op], ret);
+    RES_VERBOSE("%s part %s from mom with ret[%d]", res_mom_op_name[op], kind.what, ret);
     return ret;
 }
 
@@ -96,12 +125,12 @@ const ProtobufCMessage *res_mom_part_reply_record(const qn_mom_reply_t *reply)
 
 int res_mom_vol_handler(uint32_t op, void *data)
 {
-    return res_mom_part_handler(op, data, false);
+    return res_mom_part_handler(op, data, res_mom_part_vol_kind);
 }
 
 int res_mom_ro_handler(uint32_t op, void *data)
 {
-    return res_mom_part_handler(op, data, true);
+    return res_mom_part_handler(op, data, res_mom_part_ro_kind);
 }
 
 int res_mom_part_vol_send(int32_t count)
