@@ -142,6 +142,17 @@ void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, con
         qndf_zlog(res_zlog_handle, file, strlen(file), func, strlen(func), line, zlevel, "%s", text);
 }
 
+void res_event_printf(const char *file, const char *task, int line, const char *fmt, ...)
+{
+    char buf[RES_EVENT_BUF_LEN] = {0};
+    va_list ap;
+    va_start(ap, fmt);
+    if (vsnprintf(buf, sizeof buf, fmt, ap) < 0)
+        buf[0] = '\0';
+    va_end(ap);
+    res_event_line(file, task, line, buf);
+}
+
 void res_event_line(const char *file, const char *task, int line, const char *text)
 {
     if (!res_zlog_handle || !text)

@@ -16,7 +16,20 @@
 #include <cstdlib>
 #include <cstring>
 
-#define RES_EVENT_BUF_LEN 1024
+namespace {
+
+/* Writes the lifetime line of a changed flag: the warning, or its
+ * recovery. */
+void res_lifetime_warning_save_task(const char *node_name, const char *name, const PUtils__DiskInfo *e)
+{
+    if (e->ltime_flag == RES_HEALTH_WARNING)
+        RES_EVENT("%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name, name,
+                  static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
+    else if (e->ltime_flag == RES_HEALTH_RECOVERED)
+        RES_EVENT("%s The %s Chip's Lifetime recover health !", node_name, name);
+}
+
+} // namespace
 
 int res_mom_disk_handler(uint32_t op, void *data)
 {
@@ -139,17 +152,8 @@ int res_mom_save_disk_lft(int event, void *value)
             RES_ERR("can't get node by name[%s].", name);
             break;
         }
-        if (e->ltime_flag != d->flag) {
-            char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->ltime_flag == RES_HEALTH_WARNING) {
-                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name,
-                            name, static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
-                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
-            } else if (e->ltime_flag == RES_HEALTH_RECOVERED) {
-                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime recover health !", node_name, name);
-                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
-            }
-        }
+        if (e->ltime_flag != d->flag)
+            res_lifetime_warning_save_task(node_name, name, e);
         d->power_time = e->disk_power_time;
         d->left_lifetime = e->disk_left_life;
         d->flag = e->ltime_flag;

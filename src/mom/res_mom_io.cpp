@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#define RES_EVENT_BUF_LEN 1024
 /* The compressed swap device's journal thread, left out of the process list. */
 #define RES_IO_SKIP_NAME "jbd2/zram0-8"
 #define RES_IO_SKIP_LEN 12
@@ -63,18 +62,6 @@ void res_mom_io_free(PUtils__DiskIo **disks, size_t n_disks, PUtils__ProcIo **pr
     for (size_t i = 0; procs && i < n_procs; ++i)
         free(procs[i]);
     free(procs);
-}
-
-void res_mom_io_event(const char *fmt_tail_is_usage, const char *node_name, const PUtils__DiskIo *e)
-{
-    char rd[32] = {0}, wr[32] = {0}, use[32] = {0};
-    at_snprintf(rd, sizeof rd, "%.2f", e->io_read);
-    at_snprintf(wr, sizeof wr, "%.2f", e->io_write);
-    at_snprintf(use, sizeof use, "%.2f", e->io_util);
-    char buf[RES_EVENT_BUF_LEN] = {0};
-    at_snprintf(buf, sizeof buf, "%s High disk %s I/O read: %s KBps I/O write: %s KBps I/O %s: %s%%.", node_name,
-                e->disk_name ? e->disk_name : "", rd, wr, fmt_tail_is_usage, use);
-    res_event_line(RES_SRC_FILE, "res_disk_io_warning_save_task", __LINE__, buf);
 }
 
 } // namespace
@@ -203,21 +190,31 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
         if (d->io_flag == RES_HEALTH_OK)
             d->io_flag = RES_HEALTH_RECOVERED;
         double n = e->io_flag;
+        /* The line's last words: a warning's usage or a recovery. */
+        const char *change = nullptr;
         if (n != static_cast<double>(d->io_flag)) {
             if (res_mom_upgrade_flag != 0) {
                 /* While upgrading only recoveries get through; a new warning
                  * waits for the first record after the gate opens. */
                 if (n == RES_IO_FLAG_RECOVERED) {
                     d->io_flag = RES_HEALTH_RECOVERED;
-                    res_mom_io_event("returned to normal", node_name, e);
+                    change = "returned to normal";
                 }
             } else {
                 d->io_flag = res_sat_u32_from_double(n);
                 if (n == RES_IO_FLAG_WARNING)
-                    res_mom_io_event("usage", node_name, e);
+                    change = "usage";
                 else if (n == RES_IO_FLAG_RECOVERED)
-                    res_mom_io_event("returned to normal", node_name, e);
+                    change = "returned to normal";
             }
+        }
+        if (change) {
+            char rd[32] = {0}, wr[32] = {0}, use[32] = {0};
+            at_snprintf(rd, sizeof rd, "%.2f", e->io_read);
+            at_snprintf(wr, sizeof wr, "%.2f", e->io_write);
+            at_snprintf(use, sizeof use, "%.2f", e->io_util);
+            RES_EVENT("%s High disk %s I/O read: %s KBps I/O write: %s KBps I/O %s: %s%%.", node_name, name, rd, wr,
+                      change, use);
         }
         d->io_read = e->io_read;
         d->io_write = e->io_write;

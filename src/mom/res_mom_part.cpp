@@ -16,8 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#define RES_EVENT_BUF_LEN 1024
-
 namespace {
 
 /* Both partition records with their index: the pattern of a delete, scan
@@ -103,6 +101,33 @@ void res_mom_part_free(void **entries, int32_t count)
     for (int32_t i = 0; i < count; ++i)
         free(entries[i]);
     free(entries);
+}
+
+/* Writes the capacity line of a changed flag: the warning, or its
+ * recovery. */
+void res_part_vol_warning_task(const char *node_name, const char *uname, const PUtils__PartInfo *e)
+{
+    char usage[32] = {0};
+    char threshold[32] = {0};
+    float ratio = static_cast<float>(e->use_vol) / static_cast<float>(e->total_vol) * 100.0f;
+    at_snprintf(usage, sizeof usage, "%.2f", ratio);
+    at_snprintf(threshold, sizeof threshold, "%.2f", static_cast<double>(cap_threshold));
+    if (e->flag == RES_HEALTH_WARNING)
+        RES_EVENT("%s High partition %s usage: %s%%, the capacity threshold is %s%%.", node_name, uname, usage,
+                  threshold);
+    else if (e->flag == RES_HEALTH_RECOVERED)
+        RES_EVENT("%s Partition %s usage returned to normal: %s%%, the capacity threshold is %s%%.", node_name,
+                  uname, usage, threshold);
+}
+
+/* Writes the read-only line of a changed flag: the warning, or its
+ * recovery. */
+void res_part_ro_warning_task(const char *node_name, const char *uname, uint32_t flag)
+{
+    if (flag == RES_HEALTH_WARNING)
+        RES_EVENT("%s Partition %s is readonly.", node_name, uname);
+    else if (flag == RES_HEALTH_RECOVERED)
+        RES_EVENT("%s Partition %s read and write returned to normal.", node_name, uname);
 }
 
 /* Number of table rows an entry array covers. */
@@ -251,24 +276,8 @@ int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInf
         }
         char node_name[RES_MOM_NAME_LEN] = {0};
         ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        char usage[32] = {0};
-        char threshold[32] = {0};
-        float ratio = static_cast<float>(e->use_vol) / static_cast<float>(e->total_vol) * 100.0f;
-        at_snprintf(usage, sizeof usage, "%.2f", ratio);
-        at_snprintf(threshold, sizeof threshold, "%.2f", static_cast<double>(cap_threshold));
-        if (e->flag != p->vol_flag) {
-            char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->flag == RES_HEALTH_WARNING) {
-                at_snprintf(buf, sizeof buf, "%s High partition %s usage: %s%%, the capacity threshold is %s%%.",
-                            node_name, uname, usage, threshold);
-                res_event_line(RES_SRC_FILE, "res_part_vol_warning_task", __LINE__, buf);
-            } else if (e->flag == RES_HEALTH_RECOVERED) {
-                at_snprintf(buf, sizeof buf,
-                            "%s Partition %s usage returned to normal: %s%%, the capacity threshold is %s%%.",
-                            node_name, uname, usage, threshold);
-                res_event_line(RES_SRC_FILE, "res_part_vol_warning_task", __LINE__, buf);
-            }
-        }
+        if (e->flag != p->vol_flag)
+            res_part_vol_warning_task(node_name, uname, e);
         at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
         p->total_vol = e->total_vol;
         p->use_vol = e->use_vol;
@@ -316,16 +325,8 @@ int res_mom_save_part_ro(struct res_mom_node *node, const PUtils__StovigPartRo *
         }
         char node_name[RES_MOM_NAME_LEN] = {0};
         ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        if (e->ro_flag != p->ro_flag) {
-            char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->ro_flag == RES_HEALTH_WARNING) {
-                at_snprintf(buf, sizeof buf, "%s Partition %s is readonly.", node_name, uname);
-                res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
-            } else if (e->ro_flag == RES_HEALTH_RECOVERED) {
-                at_snprintf(buf, sizeof buf, "%s Partition %s read and write returned to normal.", node_name, uname);
-                res_event_line(RES_SRC_FILE, "res_part_ro_warning_task", __LINE__, buf);
-            }
-        }
+        if (e->ro_flag != p->ro_flag)
+            res_part_ro_warning_task(node_name, uname, e->ro_flag);
         at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
         p->ro_flag = e->ro_flag;
         p->exist = e->exist;
