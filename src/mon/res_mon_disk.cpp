@@ -4,6 +4,7 @@
 #include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_run_dir.h"
 #include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
@@ -49,47 +50,6 @@ uint64_t res_ssd_budget(uint64_t capacity)
     case 128: return 104857600ULL;
     case 256: return 209715200ULL;
     default: return 0;
-    }
-}
-
-/* Reads one line of at most len - 1 bytes; a longer line is consumed whole
- * and returned cut.  False at end of file. */
-bool res_disk_read_line(FILE *fp, char *buf, size_t len)
-{
-    /* Cleared first so that a newline found below is this line's, even when
-     * the line holds a NUL byte. */
-    memset(buf, 0, len);
-    if (!fgets(buf, static_cast<int>(len), fp))
-        return false;
-    if (!memchr(buf, '\n', len - 1)) {
-        int c;
-        while ((c = fgetc(fp)) != EOF && c != '\n') {
-        }
-    }
-    return true;
-}
-
-/* The n-th (1-based) whitespace-separated word of a line, at most len - 1
- * characters; false when the line has fewer words. */
-bool res_word(const char *line, int n, char *out, size_t len)
-{
-    const char *p = line;
-    for (int i = 1;; ++i) {
-        while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')
-            ++p;
-        if (!*p)
-            return false;
-        const char *start = p;
-        while (*p && *p != ' ' && *p != '\t' && *p != '\n' && *p != '\r')
-            ++p;
-        if (i == n) {
-            size_t w = static_cast<size_t>(p - start);
-            if (w > len - 1)
-                w = len - 1;
-            memcpy(out, start, w);
-            out[w] = '\0';
-            return true;
-        }
     }
 }
 
@@ -288,7 +248,7 @@ void res_get_dev_name(void)
         return;
     }
     char line[128];
-    while (res_disk_read_line(fp, line, sizeof line)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
         if (!strstr(line, "Disk"))
             continue;
         char dev[RES_DEV_PATH_LEN] = {0};
@@ -313,30 +273,30 @@ void res_parse_smart_report(FILE *fp)
 {
     char line[128];
     char word[128];
-    while (res_disk_read_line(fp, line, sizeof line)) {
-        if (strstr(line, "Device Model:") && res_word(line, 3, word, sizeof word)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
+        if (strstr(line, "Device Model:") && res_misc_word(line, 3, word, sizeof word)) {
             snprintf(res_ssd_smart.model, sizeof res_ssd_smart.model, "%s", word);
             RES_DBG("ssd name : %s", res_ssd_smart.model);
         }
-        if (strstr(line, "User Capacity:") && res_word(line, 3, word, sizeof word)) {
+        if (strstr(line, "User Capacity:") && res_misc_word(line, 3, word, sizeof word)) {
             res_ssd_smart.capacity = strtoull(word, nullptr, 10);
             RES_DBG("ssd capacity : %lu", static_cast<unsigned long>(res_ssd_smart.capacity));
         }
-        if (strstr(line, "Sector Size:") && res_word(line, 3, word, sizeof word)) {
+        if (strstr(line, "Sector Size:") && res_misc_word(line, 3, word, sizeof word)) {
             res_ssd_smart.sector_size = static_cast<int32_t>(strtol(word, nullptr, 10));
             RES_DBG("ssd sector_size : %d", res_ssd_smart.sector_size);
         }
-        if (strstr(line, "9 Power_On_Hours") && res_word(line, 10, word, sizeof word)) {
+        if (strstr(line, "9 Power_On_Hours") && res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.power_on_hours = strtoull(word, nullptr, 10);
             RES_DBG("ssd power_on_hours : %lu", static_cast<unsigned long>(res_ssd_smart.power_on_hours));
         }
         if ((strstr(line, "231 SSD Life left") || strstr(line, "231 Unknown_Attribute")) &&
-            res_word(line, 10, word, sizeof word)) {
+            res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.ssd_life_left = static_cast<int32_t>(strtoul(word, nullptr, 10));
             RES_DBG("ssd ssd_life_left : %d", res_ssd_smart.ssd_life_left);
         }
         if ((strstr(line, "233 Media_Wearout_Indicator") || strstr(line, "233 Unknown_Attribute")) &&
-            res_word(line, 10, word, sizeof word)) {
+            res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.media_wearout_indicator = strtoull(word, nullptr, 0);
             RES_DBG("ssd media_wearout_indicator : %lu",
                     static_cast<unsigned long>(res_ssd_smart.media_wearout_indicator));

@@ -4,6 +4,7 @@
 #include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_top_info.h"
 #include "mon/res_mon_main.h"
@@ -22,25 +23,6 @@ uint64_t cur_uptime = 0;
 uint32_t io_warn_count = 0;
 
 namespace {
-
-/* Reads one line into buf, as fgets() would: a line longer than the buffer
- * gives its first len - 1 characters, and the rest of it is passed over so
- * that its tail is never taken for a line of its own.  False at end of
- * file. */
-bool res_read_line(FILE *fp, char *buf, size_t len)
-{
-    /* Cleared first so that a newline found below is this line's, even when
-     * the line holds a NUL byte. */
-    memset(buf, 0, len);
-    if (!fgets(buf, static_cast<int>(len), fp))
-        return false;
-    if (memchr(buf, '\n', len - 1))
-        return true;
-    int c;
-    while ((c = fgetc(fp)) != EOF && c != '\n') {
-    }
-    return true;
-}
 
 struct io_device *res_mon_io_find_or_add(const char *name, bool *stop)
 {
@@ -86,27 +68,6 @@ inline double tick_diff(uint32_t cur, uint32_t prev)
 
 } // namespace
 
-int read_uptime(uint64_t *out)
-{
-    std::string path = res_host_path(RES_UPTIME_PATH);
-    FILE *fp = fopen(path.c_str(), "r");
-    char line[128];
-    unsigned long secs = 0, frac = 0;
-    bool ok = false;
-    if (fp) {
-        if (fgets(line, sizeof line, fp) && sscanf(line, "%lu.%lu", &secs, &frac) == 2)
-            ok = true;
-        fclose(fp);
-    }
-    if (!ok) {
-        RES_ERR("Cannot read %s", RES_UPTIME_PATH);
-        return -1;
-    }
-    if (out)
-        *out = static_cast<uint64_t>(secs) * 100 + frac;
-    return 0;
-}
-
 int res_mon_io_stat_scan(void)
 {
     for (struct io_device *d = io_device_list; d; d = d->next)
@@ -127,7 +88,7 @@ int res_mon_io_stat_scan(void)
     }
 
     char line[256];
-    while (res_read_line(fp, line, sizeof line)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
         unsigned major = 0, minor = 0;
         char name[256] = {0};
         struct io_sample s = {};

@@ -4,8 +4,8 @@
 #include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_zlog.h"
-#include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_main.h"
 
 #include <fcntl.h>
@@ -50,34 +50,13 @@ int res_mon_probe_open(const char *path)
     return fd;
 }
 
-/* Copies the next whitespace-separated field of *cur into out (at most 31
- * characters; the rest of a longer field is passed over); false when the
- * line has no more fields. */
-bool res_mon_part_field(const char **cur, char *out)
-{
-    const char *p = *cur;
-    while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r' || *p == '\v' || *p == '\f')
-        ++p;
-    if (!*p)
-        return false;
-    size_t n = 0;
-    while (*p && *p != ' ' && *p != '\t' && *p != '\n' && *p != '\r' && *p != '\v' && *p != '\f') {
-        if (n < RES_PART_STR_LEN - 1)
-            out[n++] = *p;
-        ++p;
-    }
-    *cur = p;
-    return true;
-}
-
 /* Device and mount point of a mount-table line: the number of fields taken,
  * or -1 for a line with none (the count a "%s %s" scan reports). */
 int res_mon_part_fields(const char *line, char *dev, char *dir)
 {
-    const char *cur = line;
-    if (!res_mon_part_field(&cur, dev))
+    if (!res_misc_word(line, 1, dev, RES_PART_STR_LEN))
         return -1;
-    if (!res_mon_part_field(&cur, dir))
+    if (!res_misc_word(line, 2, dir, RES_PART_STR_LEN))
         return 1;
     return 2;
 }
