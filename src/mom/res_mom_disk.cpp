@@ -6,6 +6,7 @@
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
+#include "misc/res_heap.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_disk.h"
 #include "mon/res_mon_main.h"
@@ -69,7 +70,8 @@ int res_mom_disk_send(int32_t count)
 int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
 {
     int32_t rows = count <= 0 ? 0 : (count < RES_DISK_INFO_NUM ? count : RES_DISK_INFO_NUM);
-    auto **entries = static_cast<PUtils__DiskInfo **>(calloc(rows > 0 ? rows : 1, sizeof(PUtils__DiskInfo *)));
+    /* Freed with every entry built so far on return. */
+    auto entries = res_entries_alloc<PUtils__DiskInfo>(static_cast<size_t>(rows));
     if (!entries) {
         RES_ERR("malloc error reason");
         return -1;
@@ -90,22 +92,19 @@ int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
         e->disk_power_time = static_cast<uint64_t>(static_cast<int64_t>(row->disk_used_time));
         e->disk_left_life = static_cast<uint64_t>(static_cast<int64_t>(row->left_life));
         e->ltime_flag = row->flag;
-        entries[built] = e;
+        entries.get()[built] = e;
         RES_DBG("disk_info[%d]: disk_name = %s, disk_power_time = %d, disk_left_life = %d, ltime_flag = %d", built,
                 e->disk_name, row->disk_used_time, row->left_life, e->ltime_flag);
     }
     if (complete && (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY)) {
         res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
-        message->info = entries;
+        message->info = entries.get();
         RES_DBG("qn_mom_set disk info begin");
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
         message->n_info = 0;
         message->info = nullptr;
     }
-    for (int32_t i = 0; i < built; ++i)
-        free(entries[i]);
-    free(entries);
     return ret;
 }
 

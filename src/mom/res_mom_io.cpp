@@ -8,6 +8,7 @@
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_stale.h"
 #include "mom/res_mom_data.h"
+#include "misc/res_heap.h"
 #include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_stat.h"
@@ -54,16 +55,6 @@ bool res_mom_io_skipped(const struct xxxid_stats *s)
     return s->name && strlen(s->name) >= RES_IO_SKIP_LEN && strncmp(s->name, RES_IO_SKIP_NAME, RES_IO_SKIP_LEN) == 0;
 }
 
-void res_mom_io_free(PUtils__DiskIo **disks, size_t n_disks, PUtils__ProcIo **procs, size_t n_procs)
-{
-    for (size_t i = 0; disks && i < n_disks; ++i)
-        free(disks[i]);
-    free(disks);
-    for (size_t i = 0; procs && i < n_procs; ++i)
-        free(procs[i]);
-    free(procs);
-}
-
 } // namespace
 
 int res_mom_io_send(uint32_t count)
@@ -85,7 +76,9 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         RES_DBG("no disk i/o information is valid.");
         return 0;
     }
-    auto **disks = static_cast<PUtils__DiskIo **>(calloc(n_disks, sizeof(PUtils__DiskIo *)));
+    /* Both lists are freed on every return below, the record only
+     * borrowing them for the store. */
+    auto disks = res_entries_alloc<PUtils__DiskIo>(n_disks);
     if (!disks) {
         RES_ERR("malloc disk i/o list error");
         return -5;
@@ -97,7 +90,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         auto *e = static_cast<PUtils__DiskIo *>(malloc(sizeof(PUtils__DiskIo)));
         if (!e) {
             RES_ERR("malloc disk i/o infor node error");
-            res_mom_io_free(disks, i, nullptr, 0);
             return -5;
         }
         p_utils__disk_io__init(e);
@@ -107,12 +99,11 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         e->io_write = d->wsec_rate / 2;
         e->io_util = d->util;
         e->io_flag = static_cast<double>(d->io_warn_state);
-        disks[i++] = e;
+        disks.get()[i++] = e;
     }
-    auto **procs = static_cast<PUtils__ProcIo **>(calloc(count > 0 ? count : 1, sizeof(PUtils__ProcIo *)));
+    auto procs = res_entries_alloc<PUtils__ProcIo>(count);
     if (!procs) {
         RES_ERR("malloc process i/o list error");
-        res_mom_io_free(disks, n_disks, nullptr, 0);
         return -5;
     }
     struct xxxid_stats_arr *sample = res_mon_io_top_current();
@@ -138,7 +129,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         auto *e = static_cast<PUtils__ProcIo *>(malloc(sizeof(PUtils__ProcIo)));
         if (!e) {
             RES_ERR("malloc process i/o node error");
-            res_mom_io_free(disks, n_disks, procs, n_procs);
             return -5;
         }
         p_utils__proc_io__init(e);
@@ -149,15 +139,15 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         e->io_swap = s->swapin_val;
         e->io_util = s->blkio_val;
         e->cmd = s->cmdline ? s->cmdline : res_xxxid_unknown;
-        procs[n_procs++] = e;
+        procs.get()[n_procs++] = e;
     }
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
         res_mom_fill_local_index(message->index);
         message->n_disk_io_info = n_disks;
-        message->disk_io_info = disks;
+        message->disk_io_info = disks.get();
         message->n_proc_io_info = n_procs;
-        message->proc_io_info = procs;
+        message->proc_io_info = procs.get();
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
         RES_VERBOSE("set IO information with ret[%d].", ret);
         message->n_disk_io_info = 0;
@@ -165,7 +155,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         message->n_proc_io_info = 0;
         message->proc_io_info = nullptr;
     }
-    res_mom_io_free(disks, n_disks, procs, n_procs);
     return ret;
 }
 

@@ -6,6 +6,7 @@
 #include "mom/res_mom_part.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_main.h"
+#include "misc/res_heap.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_main.h"
 #include "mon/res_mon_part.h"
@@ -94,13 +95,20 @@ int res_mom_part_handler(uint32_t op, void *data, const res_mom_part_kind &kind)
     return ret;
 }
 
-void res_mom_part_free(void **entries, int32_t count)
+/* An entry of either kind for a table row, initialised by `init`, with the
+ * fields both kinds take (strings referencing the table); null when it
+ * cannot be allocated. */
+template <typename Entry>
+Entry *res_mom_part_entry(void (*init)(Entry *), const struct res_part_info *row)
 {
-    if (!entries)
-        return;
-    for (int32_t i = 0; i < count; ++i)
-        free(entries[i]);
-    free(entries);
+    auto *e = static_cast<Entry *>(malloc(sizeof(Entry)));
+    if (!e)
+        return nullptr;
+    init(e);
+    e->part_path = const_cast<char *>(row->path);
+    e->part_uname = const_cast<char *>(row->name);
+    e->exist = row->mounted;
+    return e;
 }
 
 /* Writes the capacity line of a changed flag: the warning, or its
@@ -171,67 +179,60 @@ int res_mom_part_ro_send(int32_t count)
 void **res_mom_part_info_set(int32_t count, int kind)
 {
     int32_t rows = res_mom_part_rows(count);
-    void **entries = static_cast<void **>(calloc(rows > 0 ? rows : 1, sizeof(void *)));
+    /* Owned until complete: a failure frees whatever was built. */
+    auto entries = res_entries_alloc<void>(static_cast<size_t>(rows));
     if (!entries) {
         RES_ERR("malloc error reason");
         return nullptr;
     }
     for (int32_t i = 0; i < rows; ++i) {
-        struct res_part_info *row = &res_part_table[i];
+        const struct res_part_info *row = &res_part_table[i];
+        void *e;
         if (kind == 0) {
-            auto *e = static_cast<PUtils__PartInfo *>(malloc(sizeof(PUtils__PartInfo)));
-            if (!e) {
-                RES_ERR("malloc error reason");
-                res_mom_part_free(entries, i);
-                return nullptr;
+            PUtils__PartInfo *v = res_mom_part_entry(p_utils__part_info__init, row);
+            if (v) {
+                v->total_vol = row->total_kb;
+                v->use_vol = row->used_kb;
+                v->flag = row->usage_state;
+                v->vol_visible = row->check_usage;
             }
-            p_utils__part_info__init(e);
-            e->part_path = row->path;
-            e->part_uname = row->name;
-            e->total_vol = row->total_kb;
-            e->use_vol = row->used_kb;
-            e->flag = row->usage_state;
-            e->vol_visible = row->check_usage;
-            e->exist = row->mounted;
-            entries[i] = e;
+            e = v;
         } else {
-            auto *e = static_cast<PUtils__PartRo *>(malloc(sizeof(PUtils__PartRo)));
-            if (!e) {
-                RES_ERR("malloc error reason");
-                res_mom_part_free(entries, i);
-                return nullptr;
+            PUtils__PartRo *r = res_mom_part_entry(p_utils__part_ro__init, row);
+            if (r) {
+                r->ro_flag = row->ro_state;
+                r->ro_visible = row->check_usage;
             }
-            p_utils__part_ro__init(e);
-            e->part_path = row->path;
-            e->part_uname = row->name;
-            e->ro_flag = row->ro_state;
-            e->ro_visible = row->check_usage;
-            e->exist = row->mounted;
-            entries[i] = e;
+            e = r;
         }
+        if (!e) {
+            RES_ERR("malloc error reason");
+            return nullptr;
+        }
+        entries.get()[i] = e;
     }
-    return entries;
+    return entries.release();
 }
 
-/* Stores a capacity or read-only record with the built entries under the
- * local index, once the local identity is complete; frees the entries in
- * every case.  The result of the store, or 0 when not ready. */
 namespace {
 
-template <typename Record, typename Entry>
-int res_mom_part_publish(Record *message, Entry **entries, int32_t count)
+/* Stores a capacity or read-only record with the built entries (taken
+ * over, freed on return) under the local index, once the local identity is
+ * complete.  The result of the store, or 0 when not ready. */
+template <typename Record>
+int res_mom_part_publish(Record *message, void **built, int32_t count)
 {
     int32_t rows = res_mom_part_rows(count);
+    res_entries<void> entries(built, res_entries_free<void>{static_cast<size_t>(rows)});
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
         res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
-        message->info = entries;
+        message->info = reinterpret_cast<decltype(message->info)>(entries.get());
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
         message->n_info = 0;
         message->info = nullptr;
     }
-    res_mom_part_free(reinterpret_cast<void **>(entries), rows);
     return ret;
 }
 
@@ -244,7 +245,7 @@ int res_mom_part_vol_set(PUtils__StovigPartInfo *message, int32_t count)
         RES_ERR("can't set part volume.");
         return -1;
     }
-    return res_mom_part_publish(message, reinterpret_cast<PUtils__PartInfo **>(entries), count);
+    return res_mom_part_publish(message, entries, count);
 }
 
 int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
@@ -254,7 +255,7 @@ int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
         RES_ERR("can't set part readonly.");
         return -1;
     }
-    return res_mom_part_publish(message, reinterpret_cast<PUtils__PartRo **>(entries), count);
+    return res_mom_part_publish(message, entries, count);
 }
 
 int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInfo *message)

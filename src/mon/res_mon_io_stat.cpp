@@ -55,9 +55,8 @@ uint32_t res_mon_io_is_disk(const char *name)
     for (char *p = dev; *p; ++p)
         if (*p == '/')
             *p = '!';
-    char path[320];
-    snprintf(path, sizeof path, "%s/%s/%s%s", "/sys", "block", dev, "");
-    return access(res_host_path(path).c_str(), F_OK) == 0 ? 1 : 0;
+    std::string path = std::string("/sys/block/") + dev;
+    return access(res_host_path(path.c_str()).c_str(), F_OK) == 0 ? 1 : 0;
 }
 
 /* Difference of two tick counters in unsigned 32-bit arithmetic. */
