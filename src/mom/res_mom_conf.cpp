@@ -217,6 +217,7 @@ void res_mom_conf_chg(const PUtils__StovigSmplIntrl *record)
         res_mon_reset_disk_intr(v, res_disk_type);
     v = static_cast<int32_t>(record->dsk_lf_thrshd);
     if (v != disk_threshold) {
+        /* kept: the lifetime threshold's line says "cap", as it always has. */
         RES_DBG("reset cap threshold from %d to %d.", disk_threshold, v);
         res_mon_set_lifetime_threshold(v);
     }

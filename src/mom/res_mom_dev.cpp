@@ -107,7 +107,8 @@ int res_mom_dev_info_handle(const PDev__CardInfo *card)
         RES_DBG("detect deivce [%d,%d,%d] offline.", index[0], index[1], index[2]);
         if (res_mom_clear_node_by_index(index) != 0)
             RES_ERR("delete device[%d,%d,%d] failed.", index[0], index[1], index[2]);
-        /* The lifetime record is kept on purpose. */
+        /* kept: the lifetime record stays in the bus when a card goes
+         * offline; only the I/O, read-only and capacity records go. */
         int32_t del_index[3] = {index[0], index[1], index[2]};
         res_mom_io_handler(RES_MOM_OP_DEL, del_index);
         res_mom_ro_handler(RES_MOM_OP_DEL, del_index);

@@ -169,6 +169,7 @@ int res_mom_sub_disk_cb(void *, qn_mom_reply_t *reply)
         return -1;
     }
     if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
+        /* kept: the same text as the I/O subscription's. */
         RES_DBG("subscribe io success");
         res_mom_sub_flag |= RES_MOM_SUB_DISK;
         return res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr);

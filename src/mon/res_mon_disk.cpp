@@ -41,6 +41,14 @@ const struct {
 constexpr size_t RES_CSD_TYP_A = 536;
 constexpr size_t RES_CSD_TYP_B = 538;
 
+/* kept: a pause of 50 ms (in microseconds) between running a dump command
+ * and reading its output, as the probes have always made. */
+constexpr useconds_t RES_DUMP_PAUSE_US = 50 * 1000;
+
+/* Months are counted as 30 days throughout. */
+constexpr unsigned long RES_SECONDS_PER_MONTH = 30UL * 24 * 3600; /* 2592000 */
+constexpr uint64_t RES_HOURS_PER_MONTH = 30 * 24;                  /* 720 */
+
 /* Erase budget numerator per capacity in gigabytes. */
 uint64_t res_ssd_budget(uint64_t capacity)
 {
@@ -98,7 +106,7 @@ uint32_t res_uptime_months(unsigned long secs)
 {
     /* A count of seconds too large for the months to fit in 32 bits reads
      * as the largest count. */
-    uint32_t months = res_sat_u32(secs / 2592000UL);
+    uint32_t months = res_sat_u32(secs / RES_SECONDS_PER_MONTH);
     return months == 0 ? 1 : months;
 }
 
@@ -140,6 +148,8 @@ int res_emmc_wear_from_dump(FILE *fp)
     RES_DBG("life_reg: 0x%x", life);
     for (const auto &row : res_emmc_wear_table) {
         if (row.estimate == static_cast<int>(life)) {
+            /* kept: a negative wear in the table would mean "not supported";
+             * no row has one today, the rule stays for a table that does. */
             if (row.wear < 0) {
                 RES_ERR("this dev is not support life time monitor\n");
                 return RES_EMMC_NOT_SUPPORT;
@@ -178,7 +188,7 @@ int res_get_emmc_abrasion(void)
             res_misc_exec_argv(argv, fd, -1, cmd);
         }
     }
-    usleep(50 * 1000);
+    usleep(RES_DUMP_PAUSE_US);
 
     FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
     if (!fp) {
@@ -324,7 +334,7 @@ void res_parse_smart(void)
             res_misc_exec_argv(argv, fd, -1, cmd);
         }
     }
-    usleep(50 * 1000);
+    usleep(RES_DUMP_PAUSE_US);
 
     FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
     if (!fp) {
@@ -351,9 +361,13 @@ void res_ssd_lifetime_update(void)
     if (s->power_on_hours == 0)
         months = res_get_uptime();
     else
-        months = static_cast<uint32_t>(s->power_on_hours / 720);
+        months = static_cast<uint32_t>(s->power_on_hours / RES_HOURS_PER_MONTH);
 
+    /* The capacity is the report's leading digit group, taken as gigabytes
+     * (2^30 bytes) for the sector count. */
     uint64_t sectors = s->sector_size ? (s->capacity << 30) / static_cast<uint64_t>(s->sector_size) : 0;
+    /* kept: the divisor takes the capacity modulo 2^34 before scaling it
+     * by 1024, as the budget has always been computed. */
     uint64_t divisor = (s->capacity % (1ULL << 34)) * 1024;
     uint64_t single_sector_erase_count = divisor ? res_ssd_budget(s->capacity) / divisor : 0;
     uint64_t total_erase_count = sectors * single_sector_erase_count;
@@ -362,6 +376,8 @@ void res_ssd_lifetime_update(void)
 
     int32_t ratio;
     if (s->ssd_life_left == 0) {
+        /* kept: a used count above the budget wraps to a huge ratio, and the
+         * ratio is cut to 32 bits. */
         ratio = static_cast<int32_t>(
             static_cast<uint32_t>((total_erase_count - s->media_wearout_indicator) / s->media_wearout_indicator));
     } else {

@@ -167,6 +167,8 @@ void res_mon_calc_io_stats(void)
     if (cur_uptime == prev_uptime)
         itv = 1;
     const double dt = static_cast<double>(itv);
+    /* kept: the threshold (percent) is read as unsigned and passes through
+     * single precision before it is compared. */
     const double threshold =
         static_cast<double>(static_cast<float>(static_cast<uint32_t>(io_threshold)));
 
@@ -188,8 +190,12 @@ void res_mon_calc_io_stats(void)
         d->rrqm_pct = d->wrqm_pct = d->drqm_pct = 0;
         d->rareq_sz = d->wareq_sz = d->dareq_sz = 0;
 
+        /* Busy time is counted in milliseconds and dt in hundredths of a
+         * second (10 ms): busy ms / (dt x 10 ms) x 100 %. */
         d->util = tick_diff(c->tot_ticks, p->tot_ticks) / dt * 100 / 10;
 
+        /* kept: discards count in n but not in the numerators, as these
+         * figures have always been defined. */
         uint64_t n = (c->rd_ios + c->wr_ios + c->dc_ios) - (p->rd_ios + p->wr_ios + p->dc_ios);
         if (n != 0) {
             d->await = tick_diff(c->rd_ticks + c->wr_ticks, p->rd_ticks + p->wr_ticks) / static_cast<double>(n);
@@ -197,6 +203,7 @@ void res_mon_calc_io_stats(void)
                        static_cast<double>(n);
         }
 
+        /* Sectors per second: dt is in hundredths of a second. */
         d->rsec_rate = static_cast<double>(c->rd_sectors - p->rd_sectors) / dt * 100;
         d->wsec_rate = static_cast<double>(c->wr_sectors - p->wr_sectors) / dt * 100;
         d->dsec_rate = static_cast<double>(c->dc_sectors - p->dc_sectors) / dt * 100;
@@ -228,6 +235,9 @@ void res_mon_calc_io_stats(void)
         if (fl_ios != 0)
             d->f_await = tick_diff(c->fl_ticks, p->fl_ticks) / static_cast<double>(fl_ios);
 
+        /* kept: the count of over-threshold samples is one for all disks,
+         * so the third such sample raises the warning on its disk whichever
+         * disks gave the first two. */
         if (d->util >= threshold) {
             if (d->io_warn_state != RES_HEALTH_WARNING) {
                 io_warn_count += 1;

@@ -153,7 +153,9 @@ void res_mon_part_fill_cap(struct res_part_info *p, const struct statfs *st, flo
     p->used_kb = (blocks - bavail) * bsize / 1000;
     if (!p->check_usage)
         return;
-    /* A zero total gives NaN, which never compares as over the threshold. */
+    /* kept: the rate is computed from single-precision sizes, as the
+     * verdict has always been made.  A zero total gives NaN, which never
+     * compares as over the threshold. */
     const double rate = static_cast<float>(p->used_kb) / static_cast<float>(p->total_kb) * 100.0;
     if (rate >= threshold)
         p->usage_state = RES_HEALTH_WARNING;
