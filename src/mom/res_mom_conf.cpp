@@ -136,10 +136,8 @@ int res_mom_dev_db_handler(const char *fn, uint32_t op, const res_mom_dev_db_kin
 
 int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, const res_mom_dev_db_kind &kind)
 {
-    if (!reply || reply->error) {
-        RES_CONF_ERR("msg is invalid.");
+    if (!res_mom_reply_ok(RES_SRC_FILE, fn, reply))
         return -1;
-    }
     switch (reply->type) {
     case RES_MOM_KIND_SUBSCRIBED:
         RES_CONF_DBG("%s", kind.subscribed);
@@ -170,14 +168,9 @@ int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, const res_mom_d
 
 int res_mom_scan_dev_db_cb(const char *fn, qn_mom_reply_t *reply, const res_mom_dev_db_kind &kind)
 {
-    if (!reply || reply->error) {
-        RES_CONF_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_CONF_DBG("scan over");
-        return 0;
-    }
+    int step = res_mom_scan_step(RES_SRC_FILE, fn, reply, "scan over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     if (!reply->res || !reply->res->value) {
         RES_CONF_DBG("get null obj");
         return 0;

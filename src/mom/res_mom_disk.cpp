@@ -164,28 +164,19 @@ int res_mom_save_disk_lft(int event, void *value)
 
 int res_mom_sub_disk_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    /* kept: the same text as the I/O subscription's. */
+    int step = RES_MOM_SUB_STEP(reply, "subscribe io success", RES_MOM_SUB_DISK);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        /* kept: the same text as the I/O subscription's. */
-        RES_DBG("subscribe io success");
-        res_mom_sub_flag |= RES_MOM_SUB_DISK;
+    if (step == RES_MOM_STEP_DONE)
         return res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr);
-    }
     return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }
 
 int res_mom_scan_disk_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan disk lft over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan disk lft over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }

@@ -31,24 +31,7 @@ uint32_t res_mom_upgrade_flag = 0;
 constexpr double RES_IO_FLAG_WARNING = static_cast<double>(RES_HEALTH_WARNING);
 constexpr double RES_IO_FLAG_RECOVERED = static_cast<double>(RES_HEALTH_RECOVERED);
 
-void *res_mom_reply_value(qn_mom_reply_t *reply)
-{
-    if (!reply)
-        return nullptr;
-    if (reply->type == RES_MOM_KIND_VALUE_DIRECT || reply->type == RES_MOM_KIND_SCAN_VALUE)
-        return reply->res ? reply->res->value : nullptr;
-    return reply->res;
-}
-
 namespace {
-
-/* The record carried by a subscription or scan reply, or null. */
-const ProtobufCMessage *res_mom_io_reply_record(const qn_mom_reply_t *reply)
-{
-    if (!reply->res || reply->res->error)
-        return nullptr;
-    return reply->res->value;
-}
 
 bool res_mom_io_skipped(const struct xxxid_stats *s)
 {
@@ -300,16 +283,12 @@ int res_mom_io_handler(uint32_t op, void *data)
 
 int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe io success", RES_MOM_SUB_IO);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe io success");
-        res_mom_sub_flag |= RES_MOM_SUB_IO;
+    if (step == RES_MOM_STEP_DONE)
         return res_mom_io_handler(RES_MOM_OP_SCAN, nullptr);
-    }
-    auto *rec = reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply));
+    auto *rec = reinterpret_cast<const PUtils__StovigIo *>(res_mom_reply_record(reply));
     int ret = res_mom_save_io(rec);
     /* Only a change is a fresh report: a scan hands back the last record of
      * a node that has gone quiet as well. */
@@ -320,15 +299,10 @@ int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan i/o over");
-        return 0;
-    }
-    res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply)));
+    int step = RES_MOM_SCAN_STEP(reply, "scan i/o over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
+    res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_reply_record(reply)));
     return 0;
 }
 
@@ -412,12 +386,10 @@ int res_mom_save_issu_flag(int event, void *value)
 
 int res_mom_sub_upgrade_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe upgrade global success", 0);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe upgrade global success");
+    if (step == RES_MOM_STEP_DONE) {
         PUtils__UpgradeGlobalStatus pattern = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
         return qn_mom_scan(res_mom_client, RES_MOM_UPGRADE_DB, &pattern.base, 0, res_mom_scan_upgrade_cb, nullptr);
     }
@@ -426,25 +398,18 @@ int res_mom_sub_upgrade_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_upgrade_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan upgrade info over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan upgrade info over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_upgrade_flag(reply->type, res_mom_reply_value(reply));
 }
 
 int res_mom_sub_issu_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe issu global success", 0);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe issu global success");
+    if (step == RES_MOM_STEP_DONE) {
         PUtils__IssuNGlobalInfo pattern = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
         return qn_mom_scan(res_mom_client, QN_MOM_MONITOR_DB, &pattern.base, 0, res_mom_scan_issu_cb, nullptr);
     }
@@ -453,13 +418,8 @@ int res_mom_sub_issu_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_issu_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan issu info over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan issu info over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_issu_flag(reply->type, res_mom_reply_value(reply));
 }

@@ -146,14 +146,6 @@ int32_t res_mom_part_rows(int32_t count)
     return count < RES_PART_NUM ? count : RES_PART_NUM;
 }
 
-/* The record carried by a subscription or scan reply, or null. */
-const ProtobufCMessage *res_mom_part_reply_record(const qn_mom_reply_t *reply)
-{
-    if (!reply->res || reply->res->error)
-        return nullptr;
-    return reply->res->value;
-}
-
 } // namespace
 
 int res_mom_vol_handler(uint32_t op, void *data)
@@ -355,17 +347,14 @@ int res_mom_save_ro(const PUtils__StovigPartRo *message)
 
 int res_mom_sub_vol_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe part volume success", RES_MOM_SUB_VOL);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe part volume success");
-        res_mom_sub_flag |= RES_MOM_SUB_VOL;
+    if (step == RES_MOM_STEP_DONE) {
         res_mom_vol_handler(RES_MOM_OP_SCAN, nullptr);
         return 0;
     }
-    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_part_reply_record(reply));
+    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_reply_record(reply));
     if (res_mom_save_vol(rec) != 0)
         RES_DBG("subscribe partition capacity save fialed.");
     return 0;
@@ -373,15 +362,10 @@ int res_mom_sub_vol_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_vol_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan over");
-        return 0;
-    }
-    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_part_reply_record(reply));
+    int step = RES_MOM_SCAN_STEP(reply, "scan over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
+    auto *rec = reinterpret_cast<const PUtils__StovigPartInfo *>(res_mom_reply_record(reply));
     if (res_mom_save_vol(rec) != 0)
         RES_ERR("scan partition capacity save fialed.");
     return 0;
@@ -389,17 +373,14 @@ int res_mom_scan_vol_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_sub_ro_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe part read-only success", RES_MOM_SUB_RO);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe part read-only success");
-        res_mom_sub_flag |= RES_MOM_SUB_RO;
+    if (step == RES_MOM_STEP_DONE) {
         res_mom_ro_handler(RES_MOM_OP_SCAN, nullptr);
         return 0;
     }
-    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_part_reply_record(reply));
+    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_reply_record(reply));
     int ret = res_mom_save_ro(rec);
     if (ret != 0)
         RES_ERR("save read-only information with ret[%d].", ret);
@@ -408,15 +389,10 @@ int res_mom_sub_ro_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_ro_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan over");
-        return 0;
-    }
-    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_part_reply_record(reply));
+    int step = RES_MOM_SCAN_STEP(reply, "scan over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
+    auto *rec = reinterpret_cast<const PUtils__StovigPartRo *>(res_mom_reply_record(reply));
     int ret = res_mom_save_ro(rec);
     if (ret != 0)
         RES_ERR("scan partition readonly save failed.");
