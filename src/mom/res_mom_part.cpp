@@ -250,36 +250,64 @@ int res_mom_part_ro_set(PUtils__StovigPartRo *message, int32_t count)
     return res_mom_part_publish(message, entries, count);
 }
 
-int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInfo *message)
+namespace {
+
+/* Lines of the shared saving loop, under the name of the saver that runs it. */
+#define RES_PART_SAVE_ERR(fmt, ...) \
+    res_log(RES_CH_BOTH, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, RES_SRC_FILE, fn, __LINE__, fmt, ##__VA_ARGS__)
+
+/* The loop both partition savers share: each received entry finds (or
+ * creates) the node's partition by path and `apply` folds the kind's fields
+ * in, with the node's slot name for its line; then partitions no longer
+ * listed go.  A record without entries is logged as `empty` (when given)
+ * and `failed`; a partition that cannot be had ends the save there, logged
+ * as "can't get <what> by path[...]." and `failed`. */
+template <typename Entry, typename Apply>
+void res_mom_part_save_each(const char *fn, struct res_mom_node *node, Entry *const *info, size_t n,
+                            const char *what, const char *empty, const char *failed, Apply apply)
 {
-    if (message->n_info < 1 || !message->info) {
-        RES_ERR("save node part capacity informaion failed.");
-        return 0;
+    if (n < 1 || !info) {
+        if (empty)
+            RES_PART_SAVE_ERR("%s", empty);
+        RES_PART_SAVE_ERR("%s", failed);
+        return;
     }
-    for (size_t i = 0; i < message->n_info; ++i) {
-        const PUtils__PartInfo *e = message->info[i];
+    for (size_t i = 0; i < n; ++i) {
+        const Entry *e = info[i];
         const char *path = e->part_path ? e->part_path : "";
         const char *uname = e->part_uname ? e->part_uname : "";
         struct res_mom_part_node *p =
             res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
         if (!p) {
-            RES_ERR("can't get node by path[%s].", path);
-            RES_ERR("save node part capacity informaion failed.");
-            return 0;
+            RES_PART_SAVE_ERR("can't get %s by path[%s].", what, path);
+            RES_PART_SAVE_ERR("%s", failed);
+            return;
         }
         char node_name[RES_MOM_NAME_LEN] = {0};
         ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        if (e->flag != p->vol_flag)
-            res_part_vol_warning_task(node_name, uname, e);
+        apply(p, e, node_name, uname);
         at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
-        p->total_vol = e->total_vol;
-        p->use_vol = e->use_vol;
-        p->vol_flag = e->flag;
         p->exist = e->exist;
-        p->vol_visible = e->vol_visible;
         p->seen = 1;
     }
     res_mom_sweep_seen<struct res_mom_part_node>(&node->part_list);
+}
+
+} // namespace
+
+int res_mom_save_part_vol(struct res_mom_node *node, const PUtils__StovigPartInfo *message)
+{
+    res_mom_part_save_each(__func__, node, message->info, message->n_info, "node", nullptr,
+                           "save node part capacity informaion failed.",
+                           [](struct res_mom_part_node *p, const PUtils__PartInfo *e, const char *node_name,
+                              const char *uname) {
+                               if (e->flag != p->vol_flag)
+                                   res_part_vol_warning_task(node_name, uname, e);
+                               p->total_vol = e->total_vol;
+                               p->use_vol = e->use_vol;
+                               p->vol_flag = e->flag;
+                               p->vol_visible = e->vol_visible;
+                           });
     return 0;
 }
 
@@ -300,33 +328,15 @@ int res_mom_save_vol(const PUtils__StovigPartInfo *message)
 
 int res_mom_save_part_ro(struct res_mom_node *node, const PUtils__StovigPartRo *message)
 {
-    if (message->n_info < 1 || !message->info) {
-        RES_ERR("info or num is not invalid.");
-        RES_ERR("save node part readonly failed.");
-        return 0;
-    }
-    for (size_t i = 0; i < message->n_info; ++i) {
-        const PUtils__PartRo *e = message->info[i];
-        const char *path = e->part_path ? e->part_path : "";
-        const char *uname = e->part_uname ? e->part_uname : "";
-        struct res_mom_part_node *p =
-            res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
-        if (!p) {
-            RES_ERR("can't get part node by path[%s].", path);
-            RES_ERR("save node part readonly failed.");
-            return 0;
-        }
-        char node_name[RES_MOM_NAME_LEN] = {0};
-        ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        if (e->ro_flag != p->ro_flag)
-            res_part_ro_warning_task(node_name, uname, e->ro_flag);
-        at_snprintf(p->part_uname, sizeof p->part_uname, "%s", uname);
-        p->ro_flag = e->ro_flag;
-        p->exist = e->exist;
-        p->ro_visible = e->ro_visible;
-        p->seen = 1;
-    }
-    res_mom_sweep_seen<struct res_mom_part_node>(&node->part_list);
+    res_mom_part_save_each(__func__, node, message->info, message->n_info, "part node",
+                           "info or num is not invalid.", "save node part readonly failed.",
+                           [](struct res_mom_part_node *p, const PUtils__PartRo *e, const char *node_name,
+                              const char *uname) {
+                               if (e->ro_flag != p->ro_flag)
+                                   res_part_ro_warning_task(node_name, uname, e->ro_flag);
+                               p->ro_flag = e->ro_flag;
+                               p->ro_visible = e->ro_visible;
+                           });
     return 0;
 }
 
