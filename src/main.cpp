@@ -57,7 +57,7 @@ int res_single_instance(void)
     /* Never through a link; a FIFO or anything else than a plain file fails
      * the truncation below like a held lock does. */
     int fd = openat(dir_fd, ".stovig.pid", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0700);
-    bool failed = fd <= 0; /* a descriptor of 0 counts as failure, as it always has */
+    bool failed = fd <= 0; /* kept: a descriptor of 0 counts as failure, as it always has */
     if (!failed) {
         struct flock lock = {};
         lock.l_type = F_WRLCK;

@@ -1,6 +1,9 @@
 /* Storage type detection: what kind of main storage the node boots from,
  * decided once at start-up from the flash probe module, the mount table and
  * the sysfs link of the first SCSI disk. */
+/* kept: storage type detection belongs to the main module, and its log
+ * lines name main.cpp as the module's source file, as they always have,
+ * though the code lives in a file of its own. */
 #define RES_SRC_FILE "main.cpp"
 
 #include "misc/res_path.h"

@@ -4,6 +4,7 @@
  * replaces bytes that are not UTF-8 with U+FFFD, so the document always
  * parses. */
 #include "cli/res_cli_json.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_age.h"
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
@@ -53,7 +54,7 @@ json io_section(const res_mom_node *node)
         e["read_kb_per_s"] = d->io_read;
         e["write_kb_per_s"] = d->io_write;
         e["util_percent"] = d->io_util;
-        e["status"] = status_word(d->io_flag == 2);
+        e["status"] = status_word(d->io_flag == RES_HEALTH_WARNING);
         disks.push_back(std::move(e));
     }
     s["disks"] = std::move(disks);
@@ -87,7 +88,7 @@ json ro_section(const res_mom_node *node)
             continue;
         json e = json::object();
         e["name"] = text_of(p->part_uname, sizeof p->part_uname);
-        e["mode"] = p->ro_flag > 1 ? "read-only" : "read-write";
+        e["mode"] = p->ro_flag >= RES_HEALTH_WARNING ? "read-only" : "read-write";
         parts.push_back(std::move(e));
     }
     s["partitions"] = std::move(parts);
@@ -114,7 +115,7 @@ json capacity_section(const res_mom_node *node)
         e["total_kb"] = p->total_vol;
         e["used_kb"] = p->use_vol;
         e["used_percent"] = static_cast<double>(ratio) * 100.0;
-        e["status"] = status_word(p->vol_flag == 2);
+        e["status"] = status_word(p->vol_flag == RES_HEALTH_WARNING);
         parts.push_back(std::move(e));
     }
     s["partitions"] = std::move(parts);
@@ -137,7 +138,7 @@ json lifetime_section(const res_mom_node *node)
         e["name"] = text_of(l->disk_name, sizeof l->disk_name);
         e["left_months"] = l->left_lifetime;
         e["threshold_months"] = static_cast<unsigned long>(disk_threshold);
-        e["status"] = status_word(l->flag == 2);
+        e["status"] = status_word(l->flag == RES_HEALTH_WARNING);
         disks.push_back(std::move(e));
     }
     s["disks"] = std::move(disks);

@@ -279,7 +279,7 @@ int run_set(const res_cli_item &it, cli_parse_block *pb)
     }
     cli_printf("\n");
     RES_DBG(it.debug_fmt, *it.interval, *it.threshold);
-    res_mom_conf_handler(1);
+    res_mom_conf_handler(RES_MOM_OP_SEND);
     return 0;
 }
 
@@ -324,7 +324,7 @@ int cfg_res_ro_set_cmd(struct cli_parse_block *pb)
     }
     cli_printf("\n");
     RES_DBG("Set storage read-only interval %d seconds.", ro_interval);
-    res_mom_conf_handler(1);
+    res_mom_conf_handler(RES_MOM_OP_SEND);
     return 0;
 }
 
@@ -337,7 +337,7 @@ int cfg_res_dbg_cmd(struct cli_parse_block *pb)
         level = static_cast<uint32_t>(pb->nums[NUM_LEVEL]);
     if (level <= 5 && level != res_dbg_level) {
         res_dbg_level = level;
-        res_mom_dbg_handler(1);
+        res_mom_dbg_handler(RES_MOM_OP_SEND);
     }
     cli_printf("Set stovig debug to %u\n", level);
     RES_DBG("Set stovig debug to %u", level);

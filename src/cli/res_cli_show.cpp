@@ -1,4 +1,5 @@
 #include "cli/res_cli_show.h"
+#include "misc/res_health.h"
 #include "misc/res_escape.h"
 #include "misc/res_path.h"
 #include "mom/res_mom_data.h"
@@ -22,7 +23,7 @@ std::string shown(const char *name)
 
 const char *flag_status(uint32_t flag)
 {
-    return flag == 2 ? "Warning" : "Normal";
+    return flag == RES_HEALTH_WARNING ? "Warning" : "Normal";
 }
 
 void show_io(const res_mom_node *node, bool titled, res_cli_printer print)
@@ -75,7 +76,7 @@ void show_ro(const res_mom_node *node, bool titled, res_cli_printer print)
         for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
             const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
             if (p->ro_visible && p->exist)
-                print(" %-8s     %7s\n", shown(p->part_uname).c_str(), p->ro_flag > 1 ? "R" : "R/W");
+                print(" %-8s     %7s\n", shown(p->part_uname).c_str(), p->ro_flag >= RES_HEALTH_WARNING ? "R" : "R/W");
         }
     }
     print("\n");
@@ -126,7 +127,7 @@ void show_lifetime(const res_mom_node *node, bool titled, res_cli_printer print)
             print(disk_threshold == 1 ? "Storage Lifetime Threshold: %lu month\n"
                                       : "Storage Lifetime Threshold: %lu months\n",
                   static_cast<unsigned long>(disk_threshold));
-            print(l->flag == 2 ? "Storage Status:             Warning\n" : "Storage Status:             Normal\n");
+            print(l->flag == RES_HEALTH_WARNING ? "Storage Status:             Warning\n" : "Storage Status:             Normal\n");
         }
     }
     print("\n");

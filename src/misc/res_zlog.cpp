@@ -2,6 +2,7 @@
 #include "misc/res_escape.h"
 #include "misc/res_path.h"
 #include "mom/res_mom_conf.h"
+#include "mom/res_mom_main.h"
 #include "qn_syslog.h"
 
 #include <fcntl.h>
@@ -105,7 +106,7 @@ void res_debug_off(int kind)
     if (kind != 2 || res_dbg_level == 0)
         return;
     res_dbg_level = 0;
-    res_mom_dbg_handler(1);
+    res_mom_dbg_handler(RES_MOM_OP_SEND);
 }
 
 void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, const char *func, int line,
@@ -139,6 +140,17 @@ void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, con
     }
     if (to_zlog)
         qndf_zlog(res_zlog_handle, file, strlen(file), func, strlen(func), line, zlevel, "%s", text);
+}
+
+void res_event_printf(const char *file, const char *task, int line, const char *fmt, ...)
+{
+    char buf[RES_EVENT_BUF_LEN] = {0};
+    va_list ap;
+    va_start(ap, fmt);
+    if (vsnprintf(buf, sizeof buf, fmt, ap) < 0)
+        buf[0] = '\0';
+    va_end(ap);
+    res_event_line(file, task, line, buf);
 }
 
 void res_event_line(const char *file, const char *task, int line, const char *text)

@@ -1,7 +1,7 @@
 /* Diagnostics: every line goes to the platform syslog (gated by the debug
  * level) and to the "stovig" zlog category (gated by res_zlog_level), each
- * channel on its own.  Operator event lines are written by their Parts
- * directly at level 120. */
+ * channel on its own.  Operator event lines go only to the zlog category, at
+ * level 120 whatever the debug level. */
 #ifndef RES_ZLOG_H
 #define RES_ZLOG_H
 
@@ -40,6 +40,15 @@ void res_log(unsigned channels, unsigned gate, int zlevel, const char *file, con
 /* Writes an operator event line at level 120, whatever the debug level. */
 void res_event_line(const char *file, const char *task, int line, const char *text);
 
+/* Size of the buffer an operator event line is formatted into, terminator
+ * included; a longer line is cut. */
+#define RES_EVENT_BUF_LEN 1024
+
+/* Formats an operator event line into a RES_EVENT_BUF_LEN buffer and writes
+ * it with res_event_line(). */
+void res_event_printf(const char *file, const char *task, int line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
 #ifndef RES_SRC_FILE
 #define RES_SRC_FILE __FILE__
 #endif
@@ -50,6 +59,9 @@ void res_event_line(const char *file, const char *task, int line, const char *te
 #define RES_WARN(fmt, ...) RES_LOG(RES_CH_BOTH, RES_GATE_WARN, QN_ZLOG_LEVEL_WARN, fmt, ##__VA_ARGS__)
 #define RES_DBG(fmt, ...) RES_LOG(RES_CH_BOTH, RES_GATE_DBG, QN_ZLOG_LEVEL_DEBUG, fmt, ##__VA_ARGS__)
 #define RES_VERBOSE(fmt, ...) RES_LOG(RES_CH_BOTH, RES_GATE_VERBOSE, QN_ZLOG_LEVEL_DEBUG, fmt, ##__VA_ARGS__)
+/* An operator event line under the name of the function that writes it, so
+ * that the task named in the log is a function of that name. */
+#define RES_EVENT(fmt, ...) res_event_printf(RES_SRC_FILE, __func__, __LINE__, fmt, ##__VA_ARGS__)
 #define RES_TRACE(fmt, ...) RES_LOG(RES_CH_SYSLOG, RES_GATE_TRACE, QN_ZLOG_LEVEL_DEBUG, fmt, ##__VA_ARGS__)
 
 #endif

@@ -26,7 +26,78 @@ bool res_mom_apply_dbg(const PUtils__StovigDbg *dbg)
 #define RES_CONF_DBG(fmt, ...) \
     res_log(RES_CH_BOTH, RES_GATE_DBG, QN_ZLOG_LEVEL_DEBUG, RES_SRC_FILE, fn, __LINE__, fmt, ##__VA_ARGS__)
 
-int res_mom_dev_db_handler(const char *fn, uint32_t op, bool dbg)
+/* Both records of QN_MOM_DEV_DB with their (empty) index: the pattern of a
+ * scan or subscription, or the record a send fills. */
+struct res_mom_dev_db_records {
+    PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
+    PUtils__StovigSmplIntrl conf = P_UTILS__STOVIG_SMPL_INTRL__INIT;
+    PUtils__StovigDbg debug = P_UTILS__STOVIG_DBG__INIT;
+};
+
+/* What sets the configuration record and the debug record apart, one
+ * constant per kind: its subscription bit, its callbacks, how it is sent and
+ * applied, and the words of its log lines. */
+struct res_mom_dev_db_kind {
+    uint32_t sub_bit;
+    qn_mom_cb_t scan_cb;
+    qn_mom_cb_t sub_cb;
+    /* The kind's entry point, called again to scan once subscribed. */
+    int (*handler)(uint32_t op);
+    ProtobufCMessage *(*record)(res_mom_dev_db_records *r);
+    /* Fills the record from the local state and stores it. */
+    int (*send)(res_mom_dev_db_records *r);
+    /* Applies a received record to the local state. */
+    void (*apply)(const char *fn, const ProtobufCMessage *value);
+    const char *what;         /* "conf", "debug" in the handler's line */
+    const char *subscribed;   /* confirmation lines */
+    const char *unsubscribed;
+};
+
+int res_mom_conf_store(res_mom_dev_db_records *r)
+{
+    r->conf.io_intr = static_cast<uint32_t>(io_interval);
+    r->conf.io_thrshd = static_cast<uint32_t>(io_threshold);
+    r->conf.part_ro_intr = static_cast<uint32_t>(ro_interval);
+    r->conf.part_cap_intr = static_cast<uint32_t>(cap_interval);
+    r->conf.part_cap_thrshd = static_cast<uint32_t>(cap_threshold);
+    r->conf.dsk_lf_intr = static_cast<uint32_t>(disk_interval);
+    r->conf.dsk_lf_thrshd = static_cast<uint32_t>(disk_threshold);
+    return qn_mom_hmset(res_mom_client, QN_MOM_DEV_DB, &r->conf.base, 0, 0);
+}
+
+int res_mom_dbg_store(res_mom_dev_db_records *r)
+{
+    r->debug.dbg_level = res_dbg_level;
+    return qn_mom_set(res_mom_client, QN_MOM_DEV_DB, &r->debug.base, 0, 0);
+}
+
+void res_mom_conf_apply(const char *, const ProtobufCMessage *value)
+{
+    res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(value));
+}
+
+void res_mom_dbg_apply(const char *fn, const ProtobufCMessage *value)
+{
+    auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(value);
+    /* Only a level of 0 to 5 is taken, so it prints the same signed or not. */
+    if (res_mom_apply_dbg(rec))
+        RES_CONF_DBG("set debug mode to %u.", rec->dbg_level);
+}
+
+/* Each kind's record among the handler's two. */
+ProtobufCMessage *res_mom_conf_record(res_mom_dev_db_records *r) { return &r->conf.base; }
+ProtobufCMessage *res_mom_dbg_record(res_mom_dev_db_records *r) { return &r->debug.base; }
+
+const res_mom_dev_db_kind res_mom_conf_kind = {
+    RES_MOM_SUB_CONF, res_mom_scan_conf_cb, res_mom_sub_conf_cb, res_mom_conf_handler, res_mom_conf_record,
+    res_mom_conf_store, res_mom_conf_apply, "conf", "subscribe PUtils__StovigSmplIntrl success",
+    "unsubscribe PUtils__StovigSmplIntrl success"};
+const res_mom_dev_db_kind res_mom_dbg_kind = {
+    RES_MOM_SUB_DBG, res_mom_scan_dbg_cb, res_mom_sub_dbg_cb, res_mom_dbg_handler, res_mom_dbg_record,
+    res_mom_dbg_store, res_mom_dbg_apply, "debug", "subscribe PUtils__StovigDbg success",
+    "unsubscribe PUtils__StovigDbg success"};
+
+int res_mom_dev_db_handler(const char *fn, uint32_t op, const res_mom_dev_db_kind &kind)
 {
     if (!RES_MOM_OP_VALID(op))
         return -1;
@@ -34,14 +105,9 @@ int res_mom_dev_db_handler(const char *fn, uint32_t op, bool dbg)
         RES_CONF_ERR("QN_MOM_DEV_DB is not connect ready.");
         return -1;
     }
-    PUtils__Nodeindex index = P_UTILS__NODEINDEX__INIT;
-    PUtils__StovigSmplIntrl conf = P_UTILS__STOVIG_SMPL_INTRL__INIT;
-    PUtils__StovigDbg debug = P_UTILS__STOVIG_DBG__INIT;
-    conf.index = &index;
-    debug.index = &index;
-    const ProtobufCMessage *pattern = dbg ? &debug.base : &conf.base;
-    qn_mom_cb_t scan_cb = dbg ? res_mom_scan_dbg_cb : res_mom_scan_conf_cb;
-    qn_mom_cb_t sub_cb = dbg ? res_mom_sub_dbg_cb : res_mom_sub_conf_cb;
+    res_mom_dev_db_records records;
+    records.conf.index = records.debug.index = &records.index;
+    const ProtobufCMessage *pattern = kind.record(&records);
     int ret = 0;
     switch (op) {
     case RES_MOM_OP_SEND:
@@ -50,55 +116,37 @@ int res_mom_dev_db_handler(const char *fn, uint32_t op, bool dbg)
             ret = 0;
             break;
         }
-        if (dbg) {
-            debug.dbg_level = res_dbg_level;
-            ret = qn_mom_set(res_mom_client, QN_MOM_DEV_DB, &debug.base, 0, 0);
-        } else {
-            conf.io_intr = static_cast<uint32_t>(io_interval);
-            conf.io_thrshd = static_cast<uint32_t>(io_threshold);
-            conf.part_ro_intr = static_cast<uint32_t>(ro_interval);
-            conf.part_cap_intr = static_cast<uint32_t>(cap_interval);
-            conf.part_cap_thrshd = static_cast<uint32_t>(cap_threshold);
-            conf.dsk_lf_intr = static_cast<uint32_t>(disk_interval);
-            conf.dsk_lf_thrshd = static_cast<uint32_t>(disk_threshold);
-            ret = qn_mom_hmset(res_mom_client, QN_MOM_DEV_DB, &conf.base, 0, 0);
-        }
+        ret = kind.send(&records);
         break;
     case RES_MOM_OP_SCAN:
-        ret = qn_mom_scan(res_mom_client, QN_MOM_DEV_DB, pattern, 0, scan_cb, nullptr);
+        ret = qn_mom_scan(res_mom_client, QN_MOM_DEV_DB, pattern, 0, kind.scan_cb, nullptr);
         break;
     case RES_MOM_OP_SUB:
-        ret = qn_mom_subscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, sub_cb, nullptr);
+        ret = qn_mom_subscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, kind.sub_cb, nullptr);
         break;
     case RES_MOM_OP_UNSUB:
-        ret = qn_mom_unsubscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, sub_cb, nullptr);
+        ret = qn_mom_unsubscribe(res_mom_client, QN_MOM_DEV_DB, pattern, 0, kind.sub_cb, nullptr);
         break;
     default:
         break;
     }
-    if (dbg)
-        RES_CONF_DBG("%s debug from mom with ret[%d]", res_mom_op_name[op], ret);
-    else
-        RES_CONF_DBG("%s conf from mom with ret[%d]", res_mom_op_name[op], ret);
+    RES_CONF_DBG("%s %s from mom with ret[%d]", res_mom_op_name[op], kind.what, ret);
     return ret;
 }
 
-int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
+int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, const res_mom_dev_db_kind &kind)
 {
-    if (!reply || reply->error) {
-        RES_CONF_ERR("msg is invalid.");
+    if (!res_mom_reply_ok(RES_SRC_FILE, fn, reply))
         return -1;
-    }
-    uint32_t bit = dbg ? RES_MOM_SUB_DBG : RES_MOM_SUB_CONF;
     switch (reply->type) {
     case RES_MOM_KIND_SUBSCRIBED:
-        RES_CONF_DBG(dbg ? "subscribe PUtils__StovigDbg success" : "subscribe PUtils__StovigSmplIntrl success");
-        res_mom_sub_flag |= bit;
+        RES_CONF_DBG("%s", kind.subscribed);
+        res_mom_sub_flag |= kind.sub_bit;
         /* Fetch the current value. */
-        return dbg ? res_mom_dbg_handler(RES_MOM_OP_SCAN) : res_mom_conf_handler(RES_MOM_OP_SCAN);
+        return kind.handler(RES_MOM_OP_SCAN);
     case RES_MOM_KIND_UNSUBSCRIBED:
-        RES_CONF_DBG(dbg ? "unsubscribe PUtils__StovigDbg success" : "unsubscribe PUtils__StovigSmplIntrl success");
-        res_mom_sub_flag &= ~bit;
+        RES_CONF_DBG("%s", kind.unsubscribed);
+        res_mom_sub_flag &= ~kind.sub_bit;
         return 0;
     case RES_MOM_KIND_VALUE:
     case RES_MOM_KIND_VALUE_FIELDS:
@@ -110,13 +158,7 @@ int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
             RES_CONF_DBG("get configure from QN_MOM_MONITOR_DB value is NULL.");
             return 0;
         }
-        if (dbg) {
-            auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
-            if (res_mom_apply_dbg(rec))
-                RES_CONF_DBG("set debug mode to %u.", rec->dbg_level);
-            return 0;
-        }
-        res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
+        kind.apply(fn, reply->res->value);
         return 0;
     default:
         RES_CONF_ERR("msg is invalid.");
@@ -124,27 +166,16 @@ int res_mom_sub_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
     }
 }
 
-int res_mom_scan_dev_db_cb(const char *fn, qn_mom_reply_t *reply, bool dbg)
+int res_mom_scan_dev_db_cb(const char *fn, qn_mom_reply_t *reply, const res_mom_dev_db_kind &kind)
 {
-    if (!reply || reply->error) {
-        RES_CONF_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_CONF_DBG("scan over");
-        return 0;
-    }
+    int step = res_mom_scan_step(RES_SRC_FILE, fn, reply, "scan over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     if (!reply->res || !reply->res->value) {
         RES_CONF_DBG("get null obj");
         return 0;
     }
-    if (dbg) {
-        auto *rec = reinterpret_cast<const PUtils__StovigDbg *>(reply->res->value);
-        if (res_mom_apply_dbg(rec))
-            RES_CONF_DBG("set debug mode to %d.", static_cast<int>(rec->dbg_level));
-        return 0;
-    }
-    res_mom_conf_chg(reinterpret_cast<const PUtils__StovigSmplIntrl *>(reply->res->value));
+    kind.apply(fn, reply->res->value);
     return 0;
 }
 
@@ -179,6 +210,7 @@ void res_mom_conf_chg(const PUtils__StovigSmplIntrl *record)
         res_mon_reset_disk_intr(v, res_disk_type);
     v = static_cast<int32_t>(record->dsk_lf_thrshd);
     if (v != disk_threshold) {
+        /* kept: the lifetime threshold's line says "cap", as it always has. */
         RES_DBG("reset cap threshold from %d to %d.", disk_threshold, v);
         res_mon_set_lifetime_threshold(v);
     }
@@ -196,30 +228,30 @@ int res_mom_dbg_send(void)
 
 int res_mom_conf_handler(uint32_t op)
 {
-    return res_mom_dev_db_handler(__func__, op, false);
+    return res_mom_dev_db_handler(__func__, op, res_mom_conf_kind);
 }
 
 int res_mom_dbg_handler(uint32_t op)
 {
-    return res_mom_dev_db_handler(__func__, op, true);
+    return res_mom_dev_db_handler(__func__, op, res_mom_dbg_kind);
 }
 
 int res_mom_sub_conf_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_sub_dev_db_cb(__func__, reply, false);
+    return res_mom_sub_dev_db_cb(__func__, reply, res_mom_conf_kind);
 }
 
 int res_mom_sub_dbg_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_sub_dev_db_cb(__func__, reply, true);
+    return res_mom_sub_dev_db_cb(__func__, reply, res_mom_dbg_kind);
 }
 
 int res_mom_scan_conf_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_scan_dev_db_cb(__func__, reply, false);
+    return res_mom_scan_dev_db_cb(__func__, reply, res_mom_conf_kind);
 }
 
 int res_mom_scan_dbg_cb(void *, qn_mom_reply_t *reply)
 {
-    return res_mom_scan_dev_db_cb(__func__, reply, true);
+    return res_mom_scan_dev_db_cb(__func__, reply, res_mom_dbg_kind);
 }

@@ -85,6 +85,31 @@ T *res_mom_find_or_add(struct res_list_head *list, char (T::*key)[N], const char
     return e;
 }
 
+/* Overwrites an entry's data with `entry`'s, keeping its place in its
+ * list. */
+template <typename T>
+void res_mom_overwrite(T *e, const T *entry)
+{
+    struct res_list_head keep = e->list;
+    memcpy(e, entry, sizeof *e);
+    e->list = keep;
+}
+
+/* Appends a heap copy of `entry` to `list`; -1, logged under the entry
+ * point's name `fn`, when it cannot be allocated. */
+template <typename T>
+int res_mom_append_copy(const char *fn, const T *entry, struct res_list_head *list)
+{
+    auto *e = static_cast<T *>(malloc(sizeof(T)));
+    if (!e) {
+        res_log(RES_CH_BOTH, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, RES_SRC_FILE, fn, __LINE__, "malloc failed.");
+        return -1;
+    }
+    memcpy(e, entry, sizeof *e);
+    res_list_add_tail(&e->list, list);
+    return 0;
+}
+
 } // namespace
 
 int res_mom_data_init(void)
@@ -261,28 +286,14 @@ int res_mom_add_node_disk_io_list(const struct res_mom_disk_io_node *entry, stru
 {
     if (!entry || !list)
         return -1;
-    auto *e = static_cast<struct res_mom_disk_io_node *>(malloc(sizeof(struct res_mom_disk_io_node)));
-    if (!e) {
-        RES_ERR("malloc failed.");
-        return -1;
-    }
-    memcpy(e, entry, sizeof *e);
-    res_list_add_tail(&e->list, list);
-    return 0;
+    return res_mom_append_copy(__func__, entry, list);
 }
 
 int res_mom_add_node_proc_io_list(const struct res_mom_proc_io_node *entry, struct res_list_head *list)
 {
     if (!entry || !list)
         return -1;
-    auto *e = static_cast<struct res_mom_proc_io_node *>(malloc(sizeof(struct res_mom_proc_io_node)));
-    if (!e) {
-        RES_ERR("malloc failed.");
-        return -1;
-    }
-    memcpy(e, entry, sizeof *e);
-    res_list_add_tail(&e->list, list);
-    return 0;
+    return res_mom_append_copy(__func__, entry, list);
 }
 
 int res_mom_add_node_disk_lft_list(const struct res_mom_lifetime_node *entry, struct res_list_head *list)
@@ -293,22 +304,12 @@ int res_mom_add_node_disk_lft_list(const struct res_mom_lifetime_node *entry, st
     for (struct res_list_head *pos = list->next; pos != list; pos = pos->next) {
         auto *e = res_list_entry(pos, struct res_mom_lifetime_node, list);
         if (strlen(e->disk_name) == len && strncmp(e->disk_name, entry->disk_name, len) == 0) {
-            /* Overwrite the data, keep the entry's place in the list. */
-            struct res_list_head keep = e->list;
-            memcpy(e, entry, sizeof *e);
-            e->list = keep;
+            res_mom_overwrite(e, entry);
             RES_DBG("pos->left_lifetime :%llu", static_cast<unsigned long long>(e->left_lifetime));
             return 0;
         }
     }
-    auto *e = static_cast<struct res_mom_lifetime_node *>(malloc(sizeof(struct res_mom_lifetime_node)));
-    if (!e) {
-        RES_ERR("malloc failed.");
-        return -1;
-    }
-    memcpy(e, entry, sizeof *e);
-    res_list_add_tail(&e->list, list);
-    return 0;
+    return res_mom_append_copy(__func__, entry, list);
 }
 
 int res_mom_add_node_part_list(const int32_t *index, struct res_mom_part_node *entry)
@@ -321,9 +322,7 @@ int res_mom_add_node_part_list(const int32_t *index, struct res_mom_part_node *e
     for (struct res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
         auto *e = res_list_entry(pos, struct res_mom_part_node, list);
         if (strncmp(e->part_path, entry->part_path, RES_MOM_PATH_LEN) == 0) {
-            struct res_list_head keep = e->list;
-            memcpy(e, entry, sizeof *e);
-            e->list = keep;
+            res_mom_overwrite(e, entry);
             return 0;
         }
     }

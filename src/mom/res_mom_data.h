@@ -61,7 +61,7 @@ struct res_mom_disk_io_node {
     double io_read;
     double io_write;
     double io_util;
-    uint32_t io_flag;           /* 0: not yet known */
+    uint32_t io_flag;           /* enum res_health; OK: not yet known */
     uint32_t seen;
     struct res_list_head list;
 };
@@ -82,8 +82,8 @@ struct res_mom_part_node {
     char part_uname[RES_MOM_PATH_LEN];
     uint64_t total_vol;
     uint64_t use_vol;
-    uint32_t vol_flag;
-    uint32_t ro_flag;
+    uint32_t vol_flag;          /* enum res_health, as last received */
+    uint32_t ro_flag;           /* enum res_health, as last received */
     uint32_t exist;
     uint32_t vol_visible;
     uint32_t ro_visible;
@@ -95,7 +95,7 @@ struct res_mom_lifetime_node {
     char disk_name[RES_MOM_NAME_LEN];
     uint64_t power_time;
     uint64_t left_lifetime;
-    int32_t flag;               /* 0: not yet known */
+    int32_t flag;               /* enum res_health; OK: not yet known */
     uint32_t seen;
     struct res_list_head list;
 };

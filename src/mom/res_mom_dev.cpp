@@ -107,7 +107,8 @@ int res_mom_dev_info_handle(const PDev__CardInfo *card)
         RES_DBG("detect deivce [%d,%d,%d] offline.", index[0], index[1], index[2]);
         if (res_mom_clear_node_by_index(index) != 0)
             RES_ERR("delete device[%d,%d,%d] failed.", index[0], index[1], index[2]);
-        /* The lifetime record is kept on purpose. */
+        /* kept: the lifetime record stays in the bus when a card goes
+         * offline; only the I/O, read-only and capacity records go. */
         int32_t del_index[3] = {index[0], index[1], index[2]};
         res_mom_io_handler(RES_MOM_OP_DEL, del_index);
         res_mom_ro_handler(RES_MOM_OP_DEL, del_index);
@@ -118,13 +119,10 @@ int res_mom_dev_info_handle(const PDev__CardInfo *card)
 
 int res_mom_card_info_sub_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe card info success", RES_MOM_SUB_CARD);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe card info success");
-        res_mom_sub_flag |= RES_MOM_SUB_CARD;
+    if (step == RES_MOM_STEP_DONE) {
         /* Learn the cards that are already online. */
         if (res_mom_card_info_handler(RES_MOM_OP_SCAN) != 0)
             RES_ERR("scan online device failed.");
@@ -148,14 +146,9 @@ int res_mom_card_info_sub_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_card_info_scan_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     if (!reply->res || reply->res->error) {
         RES_ERR("res is invalid.");
         return -1;
@@ -170,15 +163,11 @@ int res_mom_card_info_scan_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_sub_role_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe device role success", RES_MOM_SUB_ROLE);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe device role success");
-        res_mom_sub_flag |= RES_MOM_SUB_ROLE;
+    if (step == RES_MOM_STEP_DONE)
         return 0;
-    }
     if (reply->type == RES_MOM_KIND_VALUE || reply->type == RES_MOM_KIND_VALUE_FIELDS) {
         if (!reply->res || reply->res->error) {
             RES_ERR("res is invalid.");

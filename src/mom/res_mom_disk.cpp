@@ -1,10 +1,12 @@
 /* Flash lifetime records: the node publishes its lifetime table, the master
  * keeps every node's devices and writes a line when a verdict changes. */
 #include "mom/res_mom_age.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_disk.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_main.h"
+#include "misc/res_heap.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_disk.h"
 #include "mon/res_mon_main.h"
@@ -15,7 +17,20 @@
 #include <cstdlib>
 #include <cstring>
 
-#define RES_EVENT_BUF_LEN 1024
+namespace {
+
+/* Writes the lifetime line of a changed flag: the warning, or its
+ * recovery. */
+void res_lifetime_warning_save_task(const char *node_name, const char *name, const PUtils__DiskInfo *e)
+{
+    if (e->ltime_flag == RES_HEALTH_WARNING)
+        RES_EVENT("%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name, name,
+                  static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
+    else if (e->ltime_flag == RES_HEALTH_RECOVERED)
+        RES_EVENT("%s The %s Chip's Lifetime recover health !", node_name, name);
+}
+
+} // namespace
 
 int res_mom_disk_handler(uint32_t op, void *data)
 {
@@ -55,7 +70,8 @@ int res_mom_disk_send(int32_t count)
 int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
 {
     int32_t rows = count <= 0 ? 0 : (count < RES_DISK_INFO_NUM ? count : RES_DISK_INFO_NUM);
-    auto **entries = static_cast<PUtils__DiskInfo **>(calloc(rows > 0 ? rows : 1, sizeof(PUtils__DiskInfo *)));
+    /* Freed with every entry built so far on return. */
+    auto entries = res_entries_alloc<PUtils__DiskInfo>(static_cast<size_t>(rows));
     if (!entries) {
         RES_ERR("malloc error reason");
         return -1;
@@ -76,22 +92,19 @@ int res_mom_disk_set(PUtils__StovigDiskInfo *message, int32_t count, int)
         e->disk_power_time = static_cast<uint64_t>(static_cast<int64_t>(row->disk_used_time));
         e->disk_left_life = static_cast<uint64_t>(static_cast<int64_t>(row->left_life));
         e->ltime_flag = row->flag;
-        entries[built] = e;
+        entries.get()[built] = e;
         RES_DBG("disk_info[%d]: disk_name = %s, disk_power_time = %d, disk_left_life = %d, ltime_flag = %d", built,
                 e->disk_name, row->disk_used_time, row->left_life, e->ltime_flag);
     }
     if (complete && (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY)) {
         res_mom_fill_local_index(message->index);
         message->n_info = static_cast<size_t>(rows);
-        message->info = entries;
+        message->info = entries.get();
         RES_DBG("qn_mom_set disk info begin");
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
         message->n_info = 0;
         message->info = nullptr;
     }
-    for (int32_t i = 0; i < built; ++i)
-        free(entries[i]);
-    free(entries);
     return ret;
 }
 
@@ -138,17 +151,8 @@ int res_mom_save_disk_lft(int event, void *value)
             RES_ERR("can't get node by name[%s].", name);
             break;
         }
-        if (e->ltime_flag != d->flag) {
-            char buf[RES_EVENT_BUF_LEN] = {0};
-            if (e->ltime_flag == 2) {
-                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime Is %d, Shorter Than Config %d !", node_name,
-                            name, static_cast<int32_t>(static_cast<uint32_t>(e->disk_left_life)), disk_threshold);
-                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
-            } else if (e->ltime_flag == 1) {
-                at_snprintf(buf, sizeof buf, "%s The %s Chip's Lifetime recover health !", node_name, name);
-                res_event_line(RES_SRC_FILE, "res_lifetime_warning_save_task", __LINE__, buf);
-            }
-        }
+        if (e->ltime_flag != d->flag)
+            res_lifetime_warning_save_task(node_name, name, e);
         d->power_time = e->disk_power_time;
         d->left_lifetime = e->disk_left_life;
         d->flag = e->ltime_flag;
@@ -160,27 +164,19 @@ int res_mom_save_disk_lft(int event, void *value)
 
 int res_mom_sub_disk_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    /* kept: the same text as the I/O subscription's. */
+    int step = RES_MOM_SUB_STEP(reply, "subscribe io success", RES_MOM_SUB_DISK);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe io success");
-        res_mom_sub_flag |= RES_MOM_SUB_DISK;
+    if (step == RES_MOM_STEP_DONE)
         return res_mom_disk_handler(RES_MOM_OP_SCAN, nullptr);
-    }
     return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }
 
 int res_mom_scan_disk_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan disk lft over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan disk lft over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_disk_lft(reply->type, res_mom_reply_value(reply));
 }

@@ -2,11 +2,13 @@
  * and follows the upgrade and ISSU state records, which hold back I/O
  * warnings while the device is being upgraded. */
 #include "mom/res_mom_age.h"
+#include "misc/res_health.h"
 #include "mom/res_mom_io.h"
 #include "mom/res_mom_enum.h"
 #include "mom/res_mom_main.h"
 #include "mom/res_mom_stale.h"
 #include "mom/res_mom_data.h"
+#include "misc/res_heap.h"
 #include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_stat.h"
@@ -19,57 +21,21 @@
 #include <cstdlib>
 #include <cstring>
 
-#define RES_EVENT_BUF_LEN 1024
 /* The compressed swap device's journal thread, left out of the process list. */
 #define RES_IO_SKIP_NAME "jbd2/zram0-8"
 #define RES_IO_SKIP_LEN 12
 
 uint32_t res_mom_upgrade_flag = 0;
 
-void *res_mom_reply_value(qn_mom_reply_t *reply)
-{
-    if (!reply)
-        return nullptr;
-    if (reply->type == RES_MOM_KIND_VALUE_DIRECT || reply->type == RES_MOM_KIND_SCAN_VALUE)
-        return reply->res ? reply->res->value : nullptr;
-    return reply->res;
-}
+/* The I/O record carries its health flag as a double. */
+constexpr double RES_IO_FLAG_WARNING = static_cast<double>(RES_HEALTH_WARNING);
+constexpr double RES_IO_FLAG_RECOVERED = static_cast<double>(RES_HEALTH_RECOVERED);
 
 namespace {
-
-/* The record carried by a subscription or scan reply, or null. */
-const ProtobufCMessage *res_mom_io_reply_record(const qn_mom_reply_t *reply)
-{
-    if (!reply->res || reply->res->error)
-        return nullptr;
-    return reply->res->value;
-}
 
 bool res_mom_io_skipped(const struct xxxid_stats *s)
 {
     return s->name && strlen(s->name) >= RES_IO_SKIP_LEN && strncmp(s->name, RES_IO_SKIP_NAME, RES_IO_SKIP_LEN) == 0;
-}
-
-void res_mom_io_free(PUtils__DiskIo **disks, size_t n_disks, PUtils__ProcIo **procs, size_t n_procs)
-{
-    for (size_t i = 0; disks && i < n_disks; ++i)
-        free(disks[i]);
-    free(disks);
-    for (size_t i = 0; procs && i < n_procs; ++i)
-        free(procs[i]);
-    free(procs);
-}
-
-void res_mom_io_event(const char *fmt_tail_is_usage, const char *node_name, const PUtils__DiskIo *e)
-{
-    char rd[32] = {0}, wr[32] = {0}, use[32] = {0};
-    at_snprintf(rd, sizeof rd, "%.2f", e->io_read);
-    at_snprintf(wr, sizeof wr, "%.2f", e->io_write);
-    at_snprintf(use, sizeof use, "%.2f", e->io_util);
-    char buf[RES_EVENT_BUF_LEN] = {0};
-    at_snprintf(buf, sizeof buf, "%s High disk %s I/O read: %s KBps I/O write: %s KBps I/O %s: %s%%.", node_name,
-                e->disk_name ? e->disk_name : "", rd, wr, fmt_tail_is_usage, use);
-    res_event_line(RES_SRC_FILE, "res_disk_io_warning_save_task", __LINE__, buf);
 }
 
 } // namespace
@@ -93,7 +59,9 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         RES_DBG("no disk i/o information is valid.");
         return 0;
     }
-    auto **disks = static_cast<PUtils__DiskIo **>(calloc(n_disks, sizeof(PUtils__DiskIo *)));
+    /* Both lists are freed on every return below, the record only
+     * borrowing them for the store. */
+    auto disks = res_entries_alloc<PUtils__DiskIo>(n_disks);
     if (!disks) {
         RES_ERR("malloc disk i/o list error");
         return -5;
@@ -105,7 +73,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         auto *e = static_cast<PUtils__DiskIo *>(malloc(sizeof(PUtils__DiskIo)));
         if (!e) {
             RES_ERR("malloc disk i/o infor node error");
-            res_mom_io_free(disks, i, nullptr, 0);
             return -5;
         }
         p_utils__disk_io__init(e);
@@ -115,12 +82,11 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         e->io_write = d->wsec_rate / 2;
         e->io_util = d->util;
         e->io_flag = static_cast<double>(d->io_warn_state);
-        disks[i++] = e;
+        disks.get()[i++] = e;
     }
-    auto **procs = static_cast<PUtils__ProcIo **>(calloc(count > 0 ? count : 1, sizeof(PUtils__ProcIo *)));
+    auto procs = res_entries_alloc<PUtils__ProcIo>(count);
     if (!procs) {
         RES_ERR("malloc process i/o list error");
-        res_mom_io_free(disks, n_disks, nullptr, 0);
         return -5;
     }
     struct xxxid_stats_arr *sample = res_mon_io_top_current();
@@ -146,7 +112,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         auto *e = static_cast<PUtils__ProcIo *>(malloc(sizeof(PUtils__ProcIo)));
         if (!e) {
             RES_ERR("malloc process i/o node error");
-            res_mom_io_free(disks, n_disks, procs, n_procs);
             return -5;
         }
         p_utils__proc_io__init(e);
@@ -157,15 +122,15 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         e->io_swap = s->swapin_val;
         e->io_util = s->blkio_val;
         e->cmd = s->cmdline ? s->cmdline : res_xxxid_unknown;
-        procs[n_procs++] = e;
+        procs.get()[n_procs++] = e;
     }
     int ret = 0;
     if (res_mom_conn_flag & RES_MOM_CONN_LOCAL_READY) {
         res_mom_fill_local_index(message->index);
         message->n_disk_io_info = n_disks;
-        message->disk_io_info = disks;
+        message->disk_io_info = disks.get();
         message->n_proc_io_info = n_procs;
-        message->proc_io_info = procs;
+        message->proc_io_info = procs.get();
         ret = qn_mom_set(res_mom_client, QN_MOM_MONITOR_DB, &message->base, 0, 0);
         RES_VERBOSE("set IO information with ret[%d].", ret);
         message->n_disk_io_info = 0;
@@ -173,7 +138,6 @@ int res_mom_io_set(PUtils__StovigIo *message, uint32_t count)
         message->n_proc_io_info = 0;
         message->proc_io_info = nullptr;
     }
-    res_mom_io_free(disks, n_disks, procs, n_procs);
     return ret;
 }
 
@@ -195,24 +159,34 @@ int res_disk_io_warning_save_task(struct res_mom_node *node, const PUtils__Stovi
             break;
         }
         /* A disk seen for the first time counts as normal. */
-        if (d->io_flag == 0)
-            d->io_flag = 1;
+        if (d->io_flag == RES_HEALTH_OK)
+            d->io_flag = RES_HEALTH_RECOVERED;
         double n = e->io_flag;
+        /* The line's last words: a warning's usage or a recovery. */
+        const char *change = nullptr;
         if (n != static_cast<double>(d->io_flag)) {
             if (res_mom_upgrade_flag != 0) {
                 /* While upgrading only recoveries get through; a new warning
                  * waits for the first record after the gate opens. */
-                if (n == 1) {
-                    d->io_flag = 1;
-                    res_mom_io_event("returned to normal", node_name, e);
+                if (n == RES_IO_FLAG_RECOVERED) {
+                    d->io_flag = RES_HEALTH_RECOVERED;
+                    change = "returned to normal";
                 }
             } else {
                 d->io_flag = res_sat_u32_from_double(n);
-                if (n == 2)
-                    res_mom_io_event("usage", node_name, e);
-                else if (n == 1)
-                    res_mom_io_event("returned to normal", node_name, e);
+                if (n == RES_IO_FLAG_WARNING)
+                    change = "usage";
+                else if (n == RES_IO_FLAG_RECOVERED)
+                    change = "returned to normal";
             }
+        }
+        if (change) {
+            char rd[32] = {0}, wr[32] = {0}, use[32] = {0};
+            at_snprintf(rd, sizeof rd, "%.2f", e->io_read);
+            at_snprintf(wr, sizeof wr, "%.2f", e->io_write);
+            at_snprintf(use, sizeof use, "%.2f", e->io_util);
+            RES_EVENT("%s High disk %s I/O read: %s KBps I/O write: %s KBps I/O %s: %s%%.", node_name, name, rd, wr,
+                      change, use);
         }
         d->io_read = e->io_read;
         d->io_write = e->io_write;
@@ -309,16 +283,12 @@ int res_mom_io_handler(uint32_t op, void *data)
 
 int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe io success", RES_MOM_SUB_IO);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe io success");
-        res_mom_sub_flag |= RES_MOM_SUB_IO;
+    if (step == RES_MOM_STEP_DONE)
         return res_mom_io_handler(RES_MOM_OP_SCAN, nullptr);
-    }
-    auto *rec = reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply));
+    auto *rec = reinterpret_cast<const PUtils__StovigIo *>(res_mom_reply_record(reply));
     int ret = res_mom_save_io(rec);
     /* Only a change is a fresh report: a scan hands back the last record of
      * a node that has gone quiet as well. */
@@ -329,23 +299,29 @@ int res_mom_sub_io_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_io_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan i/o over");
-        return 0;
-    }
-    res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_io_reply_record(reply)));
+    int step = RES_MOM_SCAN_STEP(reply, "scan i/o over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
+    res_mom_save_io(reinterpret_cast<const PUtils__StovigIo *>(res_mom_reply_record(reply)));
     return 0;
 }
 
 namespace {
 
+/* The upgrade and the ISSU records share their reading of a reply value;
+ * only the end of two of its lines tells them apart. */
+struct res_mom_gate_kind {
+    /* kept: the ISSU lines end in a newline of their own, the upgrade
+     * lines do not. */
+    const char *line_end;
+};
+
+const res_mom_gate_kind res_mom_upgrade_gate = {""};
+const res_mom_gate_kind res_mom_issu_gate = {"\n"};
+
 /* The record carried by a reply value, or null; -1 in *bad when the value is
  * not usable at all. */
-const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, int *bad)
+const ProtobufCMessage *res_mom_gate_record(int event, void *value, const res_mom_gate_kind &kind, int *bad)
 {
     *bad = 0;
     if (event == RES_MOM_KIND_VALUE_DIRECT || event == RES_MOM_KIND_SCAN_VALUE)
@@ -353,13 +329,13 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
     if (event == RES_MOM_KIND_VALUE || event == RES_MOM_KIND_VALUE_FIELDS) {
         auto *res = static_cast<qn_mom_res_t *>(value);
         if (!res || res->error) {
-            RES_ERR(issu ? "res unexpected, error!\n" : "res unexpected, error!");
+            RES_ERR("res unexpected, error!%s", kind.line_end);
             *bad = 1;
             return nullptr;
         }
         return res->value;
     }
-    RES_DBG(issu ? "ignore cmd:%d\n" : "ignore cmd:%d", event);
+    RES_DBG("ignore cmd:%d%s", event, kind.line_end);
     *bad = 1;
     return nullptr;
 }
@@ -369,7 +345,7 @@ const ProtobufCMessage *res_mom_gate_record(int event, void *value, bool issu, i
 int res_mom_save_upgrade_flag(int event, void *value)
 {
     int bad;
-    auto *rec = reinterpret_cast<const PUtils__UpgradeGlobalStatus *>(res_mom_gate_record(event, value, false, &bad));
+    auto *rec = reinterpret_cast<const PUtils__UpgradeGlobalStatus *>(res_mom_gate_record(event, value, res_mom_upgrade_gate, &bad));
     if (bad)
         return -1;
     if (!rec) {
@@ -390,7 +366,7 @@ int res_mom_save_upgrade_flag(int event, void *value)
 int res_mom_save_issu_flag(int event, void *value)
 {
     int bad;
-    auto *rec = reinterpret_cast<const PUtils__IssuNGlobalInfo *>(res_mom_gate_record(event, value, true, &bad));
+    auto *rec = reinterpret_cast<const PUtils__IssuNGlobalInfo *>(res_mom_gate_record(event, value, res_mom_issu_gate, &bad));
     if (bad)
         return -1;
     if (!rec) {
@@ -410,12 +386,10 @@ int res_mom_save_issu_flag(int event, void *value)
 
 int res_mom_sub_upgrade_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe upgrade global success", 0);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe upgrade global success");
+    if (step == RES_MOM_STEP_DONE) {
         PUtils__UpgradeGlobalStatus pattern = P_UTILS__UPGRADE_GLOBAL_STATUS__INIT;
         return qn_mom_scan(res_mom_client, RES_MOM_UPGRADE_DB, &pattern.base, 0, res_mom_scan_upgrade_cb, nullptr);
     }
@@ -424,25 +398,18 @@ int res_mom_sub_upgrade_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_upgrade_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan upgrade info over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan upgrade info over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_upgrade_flag(reply->type, res_mom_reply_value(reply));
 }
 
 int res_mom_sub_issu_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
+    int step = RES_MOM_SUB_STEP(reply, "subscribe issu global success", 0);
+    if (step == RES_MOM_STEP_INVALID)
         return -1;
-    }
-    if (reply->type == RES_MOM_KIND_SUBSCRIBED) {
-        RES_DBG("subscribe issu global success");
+    if (step == RES_MOM_STEP_DONE) {
         PUtils__IssuNGlobalInfo pattern = P_UTILS__ISSU_N_GLOBAL_INFO__INIT;
         return qn_mom_scan(res_mom_client, QN_MOM_MONITOR_DB, &pattern.base, 0, res_mom_scan_issu_cb, nullptr);
     }
@@ -451,13 +418,8 @@ int res_mom_sub_issu_cb(void *, qn_mom_reply_t *reply)
 
 int res_mom_scan_issu_cb(void *, qn_mom_reply_t *reply)
 {
-    if (!reply || reply->error) {
-        RES_ERR("msg is invalid.");
-        return -1;
-    }
-    if (reply->scan_state == RES_MOM_SCAN_OVER) {
-        RES_DBG("scan issu info over");
-        return 0;
-    }
+    int step = RES_MOM_SCAN_STEP(reply, "scan issu info over");
+    if (step != RES_MOM_STEP_RECORD)
+        return step;
     return res_mom_save_issu_flag(reply->type, res_mom_reply_value(reply));
 }

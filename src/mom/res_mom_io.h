@@ -30,8 +30,4 @@ int res_mom_scan_upgrade_cb(void *ctx, qn_mom_reply_t *reply);
 int res_mom_sub_issu_cb(void *ctx, qn_mom_reply_t *reply);
 int res_mom_scan_issu_cb(void *ctx, qn_mom_reply_t *reply);
 
-/* The value of a reply as the save functions take it: the record itself for
- * kinds 1 and 24, the nested result for kinds 4 and 6. */
-void *res_mom_reply_value(qn_mom_reply_t *reply);
-
 #endif

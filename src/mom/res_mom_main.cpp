@@ -16,6 +16,52 @@
 const char *const res_mom_op_name[12] = {"NA",   "SEND", "DEL",  "CLEAN", "GET",  "SCAN",
                                          "PUB",  "SUB",  "UNSUB", "SHOW", "SYNC", "ALL"};
 
+bool res_mom_reply_ok(const char *file, const char *fn, const qn_mom_reply_t *reply)
+{
+    if (reply && !reply->error)
+        return true;
+    res_log(RES_CH_BOTH, RES_GATE_ERR, QN_ZLOG_LEVEL_ERROR, file, fn, __LINE__, "msg is invalid.");
+    return false;
+}
+
+int res_mom_sub_step(const char *file, const char *fn, const qn_mom_reply_t *reply, const char *subscribed,
+                     uint32_t bit)
+{
+    if (!res_mom_reply_ok(file, fn, reply))
+        return RES_MOM_STEP_INVALID;
+    if (reply->type != RES_MOM_KIND_SUBSCRIBED)
+        return RES_MOM_STEP_RECORD;
+    res_log(RES_CH_BOTH, RES_GATE_DBG, QN_ZLOG_LEVEL_DEBUG, file, fn, __LINE__, "%s", subscribed);
+    res_mom_sub_flag |= bit;
+    return RES_MOM_STEP_DONE;
+}
+
+int res_mom_scan_step(const char *file, const char *fn, const qn_mom_reply_t *reply, const char *over)
+{
+    if (!res_mom_reply_ok(file, fn, reply))
+        return RES_MOM_STEP_INVALID;
+    if (reply->scan_state != RES_MOM_SCAN_OVER)
+        return RES_MOM_STEP_RECORD;
+    res_log(RES_CH_BOTH, RES_GATE_DBG, QN_ZLOG_LEVEL_DEBUG, file, fn, __LINE__, "%s", over);
+    return RES_MOM_STEP_DONE;
+}
+
+const ProtobufCMessage *res_mom_reply_record(const qn_mom_reply_t *reply)
+{
+    if (!reply->res || reply->res->error)
+        return nullptr;
+    return reply->res->value;
+}
+
+void *res_mom_reply_value(qn_mom_reply_t *reply)
+{
+    if (!reply)
+        return nullptr;
+    if (reply->type == RES_MOM_KIND_VALUE_DIRECT || reply->type == RES_MOM_KIND_SCAN_VALUE)
+        return reply->res ? reply->res->value : nullptr;
+    return reply->res;
+}
+
 uint32_t res_mom_conn_flag = 0;
 uint32_t res_mom_sub_flag = 0;
 qn_mom_client_t *res_mom_client = nullptr;
@@ -189,7 +235,7 @@ int res_mom_get_devinfo(struct qn_thread *)
     if (res_mom_sub_flag & RES_MOM_SUB_ROLE) {
         if (local->role == RES_MOM_ROLE_UNSET) {
             int32_t node_type = ndm_get_my_node_type();
-            if (node_type == 1 || node_type == 2) {
+            if (node_type == NDM_NODE_TYPE_BOX || node_type == NDM_NODE_TYPE_CM) {
                 int32_t role = ndm_get_my_dev_grole();
                 RES_DBG("get local role[%d]", role);
                 if (role >= 1)

@@ -61,6 +61,32 @@ extern const char *const res_mom_op_name[12];
 #define RES_MOM_TIMER_PERIOD 5
 #define RES_MOM_UPGRADE_DB 3
 
+/* The skeleton every bus callback starts with.  The helpers log under the
+ * source file and the name of the callback that calls them. */
+enum res_mom_step {
+    RES_MOM_STEP_INVALID = -1, /* no reply, or one with an error: "msg is invalid." logged */
+    RES_MOM_STEP_DONE = 0,     /* a confirmed subscription or the end of a scan, logged */
+    RES_MOM_STEP_RECORD = 1,   /* a record (or its absence) for the callback to save */
+};
+/* Whether a reply can be read at all; "msg is invalid." when not. */
+bool res_mom_reply_ok(const char *file, const char *fn, const qn_mom_reply_t *reply);
+/* A subscription reply: on confirmation logs `subscribed` and sets `bit` (0
+ * for none) in the subscription word. */
+int res_mom_sub_step(const char *file, const char *fn, const qn_mom_reply_t *reply, const char *subscribed,
+                     uint32_t bit);
+/* A scan reply: at the end of the scan logs `over`.  The step is also the
+ * scan callback's result for anything but a record. */
+int res_mom_scan_step(const char *file, const char *fn, const qn_mom_reply_t *reply, const char *over);
+#define RES_MOM_REPLY_OK(reply) res_mom_reply_ok(RES_SRC_FILE, __func__, (reply))
+#define RES_MOM_SUB_STEP(reply, subscribed, bit) res_mom_sub_step(RES_SRC_FILE, __func__, (reply), (subscribed), (bit))
+#define RES_MOM_SCAN_STEP(reply, over) res_mom_scan_step(RES_SRC_FILE, __func__, (reply), (over))
+
+/* The record carried by a subscription or scan reply, or null. */
+const ProtobufCMessage *res_mom_reply_record(const qn_mom_reply_t *reply);
+/* The value of a reply as the save functions take it: the record itself for
+ * kinds 1 and 24, the nested result for kinds 4 and 6. */
+void *res_mom_reply_value(qn_mom_reply_t *reply);
+
 extern uint32_t res_mom_conn_flag;
 extern uint32_t res_mom_sub_flag;
 extern qn_mom_client_t *res_mom_client;

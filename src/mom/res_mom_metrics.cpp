@@ -5,6 +5,7 @@
  * seconds, ratios of 0 to 1), except the lifetime, which the devices report
  * and the threshold counts in months. */
 #include "mom/res_mom_metrics.h"
+#include "misc/res_health.h"
 #include "cli/res_cli_show.h"
 #include "misc/res_zlog.h"
 #include "mom/res_mom_age.h"
@@ -187,7 +188,7 @@ void io_figures(exposition &x, const res_mom_node *node, const std::string &slot
         x.sample(F_DISK_READ, l, d->io_read * io_kb_bytes);
         x.sample(F_DISK_WRITE, l, d->io_write * io_kb_bytes);
         x.sample(F_DISK_UTIL, l, d->io_util / 100.0);
-        x.sample(F_DISK_WARNING, l, d->io_flag == 2);
+        x.sample(F_DISK_WARNING, l, d->io_flag == RES_HEALTH_WARNING);
     }
     for (const res_list_head *pos = node->proc_io_list.next; pos != &node->proc_io_list; pos = pos->next) {
         const res_mom_proc_io_node *p = res_list_entry(pos, const res_mom_proc_io_node, list);
@@ -213,10 +214,10 @@ void partition_figures(exposition &x, const res_mom_node *node, const std::strin
             x.sample(F_PART_USED, l, static_cast<double>(p->use_vol) * capacity_kb_bytes);
             if (p->total_vol)
                 x.sample(F_PART_USED_RATIO, l, static_cast<double>(p->use_vol) / static_cast<double>(p->total_vol));
-            x.sample(F_PART_WARNING, l, p->vol_flag == 2);
+            x.sample(F_PART_WARNING, l, p->vol_flag == RES_HEALTH_WARNING);
         }
         if (ro_interval != RES_MON_CLOSED && p->ro_visible)
-            x.sample(F_PART_READ_ONLY, l, p->ro_flag > 1);
+            x.sample(F_PART_READ_ONLY, l, p->ro_flag >= RES_HEALTH_WARNING);
     }
 }
 
@@ -227,7 +228,7 @@ void lifetime_figures(exposition &x, const res_mom_node *node, const std::string
         labels l;
         l.add("slot", slot).add("device", lt->disk_name, sizeof lt->disk_name);
         x.sample(F_LIFETIME_LEFT, l, static_cast<double>(lt->left_lifetime));
-        x.sample(F_LIFETIME_WARNING, l, lt->flag == 2);
+        x.sample(F_LIFETIME_WARNING, l, lt->flag == RES_HEALTH_WARNING);
     }
 }
 

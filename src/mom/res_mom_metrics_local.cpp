@@ -25,7 +25,9 @@ int res_mom_metrics_local_fill(struct res_mom_node *node)
         if (!(d->exist && d->is_disk == 1))
             continue;
         res_mom_disk_io_node e{};
-        snprintf(e.disk_name, sizeof e.disk_name, "%s", d->name);
+        /* The store's field holds 31 characters: a longer kernel name is
+         * cut. */
+        snprintf(e.disk_name, sizeof e.disk_name, "%.*s", static_cast<int>(sizeof e.disk_name - 1), d->name);
         /* Sectors of 512 bytes per second, as KB per second: as published. */
         e.io_read = d->rsec_rate / 2;
         e.io_write = d->wsec_rate / 2;

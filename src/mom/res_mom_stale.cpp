@@ -10,8 +10,6 @@
 #include "qn_ndm.h"
 #include "qn_zlog.h"
 
-#define RES_EVENT_BUF_LEN 1024
-
 struct qn_thread res_mom_stale_thread;
 
 namespace {
@@ -37,6 +35,19 @@ void res_mom_stale_restart(void)
     res_list_for_each_safe(pos, n, &res_node_list)
         res_list_entry(pos, struct res_mom_node, list)->stale_ticks = 0;
     res_mom_stale_doubt = false;
+}
+
+/* Writes the line of a node that has just gone quiet (stale set) or
+ * reports again (stale cleared). */
+void res_mom_stale_task(const struct res_mom_node *node)
+{
+    char node_name[RES_MOM_NAME_LEN] = {0};
+    ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
+    if (node->stale)
+        RES_EVENT("%s Storage monitor has not reported for %d seconds.", node_name,
+                  static_cast<int>(node->stale_ticks));
+    else
+        RES_EVENT("%s Storage monitor reports again.", node_name);
 }
 
 bool res_mom_stale_watch_on(void)
@@ -90,12 +101,7 @@ void res_mom_stale_tick(void)
         if (res_mom_stale_is_local(node) || node->stale || node->stale_ticks < limit)
             continue;
         node->stale = 1;
-        char node_name[RES_MOM_NAME_LEN] = {0};
-        ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        char buf[RES_EVENT_BUF_LEN] = {0};
-        at_snprintf(buf, sizeof buf, "%s Storage monitor has not reported for %d seconds.", node_name,
-                    static_cast<int>(node->stale_ticks));
-        res_event_line(RES_SRC_FILE, RES_MOM_STALE_TASK, __LINE__, buf);
+        res_mom_stale_task(node);
     }
 }
 
@@ -122,11 +128,7 @@ void res_mom_stale_io_report(const PUtils__Nodeindex *index)
     }
     if (node->stale && res_mom_stale_watch_on()) {
         node->stale = 0;
-        char node_name[RES_MOM_NAME_LEN] = {0};
-        ndm_get_user_slot_name(node->devid, node->user_slot, 0, node_name, sizeof node_name);
-        char buf[RES_EVENT_BUF_LEN] = {0};
-        at_snprintf(buf, sizeof buf, "%s Storage monitor reports again.", node_name);
-        res_event_line(RES_SRC_FILE, RES_MOM_STALE_TASK, __LINE__, buf);
+        res_mom_stale_task(node);
     }
 }
 

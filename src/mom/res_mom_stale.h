@@ -46,6 +46,7 @@
  * doubts its link (its timer and the tick drift apart a little). */
 #define RES_MOM_STALE_SELF_SLACK 2
 #define RES_MOM_STALE_TIMER_NAME "RES_STALE_TIMER"
+/* Task name of the lines: res_mom_stale_task() writes them. */
 #define RES_MOM_STALE_TASK "res_mom_stale_task"
 
 /* The tick's timer slot. */

@@ -1,8 +1,10 @@
 #include "mon/res_mon_disk.h"
 #include "mom/res_mom_disk.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_run_dir.h"
 #include "misc/res_saturate.h"
 #include "misc/res_zlog.h"
@@ -39,6 +41,14 @@ const struct {
 constexpr size_t RES_CSD_TYP_A = 536;
 constexpr size_t RES_CSD_TYP_B = 538;
 
+/* kept: a pause of 50 ms (in microseconds) between running a dump command
+ * and reading its output, as the probes have always made. */
+constexpr useconds_t RES_DUMP_PAUSE_US = 50 * 1000;
+
+/* Months are counted as 30 days throughout. */
+constexpr unsigned long RES_SECONDS_PER_MONTH = 30UL * 24 * 3600; /* 2592000 */
+constexpr uint64_t RES_HOURS_PER_MONTH = 30 * 24;                  /* 720 */
+
 /* Erase budget numerator per capacity in gigabytes. */
 uint64_t res_ssd_budget(uint64_t capacity)
 {
@@ -48,47 +58,6 @@ uint64_t res_ssd_budget(uint64_t capacity)
     case 128: return 104857600ULL;
     case 256: return 209715200ULL;
     default: return 0;
-    }
-}
-
-/* Reads one line of at most len - 1 bytes; a longer line is consumed whole
- * and returned cut.  False at end of file. */
-bool res_disk_read_line(FILE *fp, char *buf, size_t len)
-{
-    /* Cleared first so that a newline found below is this line's, even when
-     * the line holds a NUL byte. */
-    memset(buf, 0, len);
-    if (!fgets(buf, static_cast<int>(len), fp))
-        return false;
-    if (!memchr(buf, '\n', len - 1)) {
-        int c;
-        while ((c = fgetc(fp)) != EOF && c != '\n') {
-        }
-    }
-    return true;
-}
-
-/* The n-th (1-based) whitespace-separated word of a line, at most len - 1
- * characters; false when the line has fewer words. */
-bool res_word(const char *line, int n, char *out, size_t len)
-{
-    const char *p = line;
-    for (int i = 1;; ++i) {
-        while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r')
-            ++p;
-        if (!*p)
-            return false;
-        const char *start = p;
-        while (*p && *p != ' ' && *p != '\t' && *p != '\n' && *p != '\r')
-            ++p;
-        if (i == n) {
-            size_t w = static_cast<size_t>(p - start);
-            if (w > len - 1)
-                w = len - 1;
-            memcpy(out, start, w);
-            out[w] = '\0';
-            return true;
-        }
     }
 }
 
@@ -137,7 +106,7 @@ uint32_t res_uptime_months(unsigned long secs)
 {
     /* A count of seconds too large for the months to fit in 32 bits reads
      * as the largest count. */
-    uint32_t months = res_sat_u32(secs / 2592000UL);
+    uint32_t months = res_sat_u32(secs / RES_SECONDS_PER_MONTH);
     return months == 0 ? 1 : months;
 }
 
@@ -179,6 +148,8 @@ int res_emmc_wear_from_dump(FILE *fp)
     RES_DBG("life_reg: 0x%x", life);
     for (const auto &row : res_emmc_wear_table) {
         if (row.estimate == static_cast<int>(life)) {
+            /* kept: a negative wear in the table would mean "not supported";
+             * no row has one today, the rule stays for a table that does. */
             if (row.wear < 0) {
                 RES_ERR("this dev is not support life time monitor\n");
                 return RES_EMMC_NOT_SUPPORT;
@@ -217,7 +188,7 @@ int res_get_emmc_abrasion(void)
             res_misc_exec_argv(argv, fd, -1, cmd);
         }
     }
-    usleep(50 * 1000);
+    usleep(RES_DUMP_PAUSE_US);
 
     FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
     if (!fp) {
@@ -241,9 +212,9 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
     RES_DBG("abrasion:%d persent, used_life_time:%d month", wear, months);
 
     int32_t left = res_emmc_left_life(wear, months);
-    int candidate = wear > 99 ? 2 : 0;
+    int candidate = wear > 99 ? RES_HEALTH_WARNING : RES_HEALTH_OK;
     RES_DBG("emmc left life time: %d", left);
-    int warning = disk_threshold < left ? candidate : 2;
+    int warning = disk_threshold < left ? candidate : RES_HEALTH_WARNING;
 
     struct res_disk_info_t *d = &res_disk_info[0];
     snprintf(d->name, sizeof d->name, "%s", "emmc");
@@ -251,8 +222,8 @@ int res_mon_emmc_disk_timer_func(struct qn_thread *thread)
     RES_DBG("res_disk_info[%d].disk_used_time:[%d].", 0, d->disk_used_time);
     d->disk_used_time = months;
     RES_DBG("res_disk_info[i].flag is %d, warning_flag is %d", d->flag, warning);
-    if (d->flag == 2 && warning == 0)
-        warning = 1;
+    if (d->flag == RES_HEALTH_WARNING && warning == RES_HEALTH_OK)
+        warning = RES_HEALTH_RECOVERED;
     d->flag = warning;
 
     res_mom_disk_send(RES_DISK_INFO_NUM);
@@ -287,7 +258,7 @@ void res_get_dev_name(void)
         return;
     }
     char line[128];
-    while (res_disk_read_line(fp, line, sizeof line)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
         if (!strstr(line, "Disk"))
             continue;
         char dev[RES_DEV_PATH_LEN] = {0};
@@ -312,30 +283,30 @@ void res_parse_smart_report(FILE *fp)
 {
     char line[128];
     char word[128];
-    while (res_disk_read_line(fp, line, sizeof line)) {
-        if (strstr(line, "Device Model:") && res_word(line, 3, word, sizeof word)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
+        if (strstr(line, "Device Model:") && res_misc_word(line, 3, word, sizeof word)) {
             snprintf(res_ssd_smart.model, sizeof res_ssd_smart.model, "%s", word);
             RES_DBG("ssd name : %s", res_ssd_smart.model);
         }
-        if (strstr(line, "User Capacity:") && res_word(line, 3, word, sizeof word)) {
+        if (strstr(line, "User Capacity:") && res_misc_word(line, 3, word, sizeof word)) {
             res_ssd_smart.capacity = strtoull(word, nullptr, 10);
             RES_DBG("ssd capacity : %lu", static_cast<unsigned long>(res_ssd_smart.capacity));
         }
-        if (strstr(line, "Sector Size:") && res_word(line, 3, word, sizeof word)) {
+        if (strstr(line, "Sector Size:") && res_misc_word(line, 3, word, sizeof word)) {
             res_ssd_smart.sector_size = static_cast<int32_t>(strtol(word, nullptr, 10));
             RES_DBG("ssd sector_size : %d", res_ssd_smart.sector_size);
         }
-        if (strstr(line, "9 Power_On_Hours") && res_word(line, 10, word, sizeof word)) {
+        if (strstr(line, "9 Power_On_Hours") && res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.power_on_hours = strtoull(word, nullptr, 10);
             RES_DBG("ssd power_on_hours : %lu", static_cast<unsigned long>(res_ssd_smart.power_on_hours));
         }
         if ((strstr(line, "231 SSD Life left") || strstr(line, "231 Unknown_Attribute")) &&
-            res_word(line, 10, word, sizeof word)) {
+            res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.ssd_life_left = static_cast<int32_t>(strtoul(word, nullptr, 10));
             RES_DBG("ssd ssd_life_left : %d", res_ssd_smart.ssd_life_left);
         }
         if ((strstr(line, "233 Media_Wearout_Indicator") || strstr(line, "233 Unknown_Attribute")) &&
-            res_word(line, 10, word, sizeof word)) {
+            res_misc_word(line, 10, word, sizeof word)) {
             res_ssd_smart.media_wearout_indicator = strtoull(word, nullptr, 0);
             RES_DBG("ssd media_wearout_indicator : %lu",
                     static_cast<unsigned long>(res_ssd_smart.media_wearout_indicator));
@@ -363,7 +334,7 @@ void res_parse_smart(void)
             res_misc_exec_argv(argv, fd, -1, cmd);
         }
     }
-    usleep(50 * 1000);
+    usleep(RES_DUMP_PAUSE_US);
 
     FILE *fp = fd >= 0 ? res_work_file_rewind(fd) : nullptr;
     if (!fp) {
@@ -390,9 +361,13 @@ void res_ssd_lifetime_update(void)
     if (s->power_on_hours == 0)
         months = res_get_uptime();
     else
-        months = static_cast<uint32_t>(s->power_on_hours / 720);
+        months = static_cast<uint32_t>(s->power_on_hours / RES_HOURS_PER_MONTH);
 
+    /* The capacity is the report's leading digit group, taken as gigabytes
+     * (2^30 bytes) for the sector count. */
     uint64_t sectors = s->sector_size ? (s->capacity << 30) / static_cast<uint64_t>(s->sector_size) : 0;
+    /* kept: the divisor takes the capacity modulo 2^34 before scaling it
+     * by 1024, as the budget has always been computed. */
     uint64_t divisor = (s->capacity % (1ULL << 34)) * 1024;
     uint64_t single_sector_erase_count = divisor ? res_ssd_budget(s->capacity) / divisor : 0;
     uint64_t total_erase_count = sectors * single_sector_erase_count;
@@ -401,6 +376,8 @@ void res_ssd_lifetime_update(void)
 
     int32_t ratio;
     if (s->ssd_life_left == 0) {
+        /* kept: a used count above the budget wraps to a huge ratio, and the
+         * ratio is cut to 32 bits. */
         ratio = static_cast<int32_t>(
             static_cast<uint32_t>((total_erase_count - s->media_wearout_indicator) / s->media_wearout_indicator));
     } else {
@@ -408,7 +385,8 @@ void res_ssd_lifetime_update(void)
         ratio = (used == 0 ? 0 : 100 / used) - 1;
     }
     int32_t left = static_cast<int32_t>(static_cast<uint32_t>(ratio) * months);
-    int32_t flag = static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? 2 : 0;
+    int32_t flag =
+        static_cast<uint32_t>(left) < static_cast<uint32_t>(disk_threshold) ? RES_HEALTH_WARNING : RES_HEALTH_OK;
 
     struct res_disk_info_t *d = &res_disk_info[0];
     snprintf(d->name, sizeof d->name, "%.31s", s->model);

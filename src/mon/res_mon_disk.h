@@ -25,7 +25,7 @@ struct res_disk_info_t {
     char name[RES_DISK_NAME_LEN];
     int32_t disk_used_time; /* power-on months */
     int32_t left_life;      /* months of life left */
-    int32_t flag;           /* 0 healthy, 2 warning, 1 healthy again (eMMC, one pass) */
+    int32_t flag;           /* enum res_health (RECOVERED for one eMMC pass only) */
 };
 
 extern struct res_disk_info_t res_disk_info[RES_DISK_INFO_NUM];

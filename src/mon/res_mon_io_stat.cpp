@@ -1,8 +1,10 @@
 #include "mon/res_mon_io_stat.h"
 #include "mom/res_mom_io.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_zlog.h"
 #include "mon/res_mon_io_top_info.h"
 #include "mon/res_mon_main.h"
@@ -21,25 +23,6 @@ uint64_t cur_uptime = 0;
 uint32_t io_warn_count = 0;
 
 namespace {
-
-/* Reads one line into buf, as fgets() would: a line longer than the buffer
- * gives its first len - 1 characters, and the rest of it is passed over so
- * that its tail is never taken for a line of its own.  False at end of
- * file. */
-bool res_read_line(FILE *fp, char *buf, size_t len)
-{
-    /* Cleared first so that a newline found below is this line's, even when
-     * the line holds a NUL byte. */
-    memset(buf, 0, len);
-    if (!fgets(buf, static_cast<int>(len), fp))
-        return false;
-    if (memchr(buf, '\n', len - 1))
-        return true;
-    int c;
-    while ((c = fgetc(fp)) != EOF && c != '\n') {
-    }
-    return true;
-}
 
 struct io_device *res_mon_io_find_or_add(const char *name, bool *stop)
 {
@@ -72,9 +55,8 @@ uint32_t res_mon_io_is_disk(const char *name)
     for (char *p = dev; *p; ++p)
         if (*p == '/')
             *p = '!';
-    char path[320];
-    snprintf(path, sizeof path, "%s/%s/%s%s", "/sys", "block", dev, "");
-    return access(res_host_path(path).c_str(), F_OK) == 0 ? 1 : 0;
+    std::string path = std::string("/sys/block/") + dev;
+    return access(res_host_path(path.c_str()).c_str(), F_OK) == 0 ? 1 : 0;
 }
 
 /* Difference of two tick counters in unsigned 32-bit arithmetic. */
@@ -84,27 +66,6 @@ inline double tick_diff(uint32_t cur, uint32_t prev)
 }
 
 } // namespace
-
-int read_uptime(uint64_t *out)
-{
-    std::string path = res_host_path(RES_UPTIME_PATH);
-    FILE *fp = fopen(path.c_str(), "r");
-    char line[128];
-    unsigned long secs = 0, frac = 0;
-    bool ok = false;
-    if (fp) {
-        if (fgets(line, sizeof line, fp) && sscanf(line, "%lu.%lu", &secs, &frac) == 2)
-            ok = true;
-        fclose(fp);
-    }
-    if (!ok) {
-        RES_ERR("Cannot read %s", RES_UPTIME_PATH);
-        return -1;
-    }
-    if (out)
-        *out = static_cast<uint64_t>(secs) * 100 + frac;
-    return 0;
-}
 
 int res_mon_io_stat_scan(void)
 {
@@ -126,7 +87,7 @@ int res_mon_io_stat_scan(void)
     }
 
     char line[256];
-    while (res_read_line(fp, line, sizeof line)) {
+    while (res_misc_read_line(fp, line, sizeof line)) {
         unsigned major = 0, minor = 0;
         char name[256] = {0};
         struct io_sample s = {};
@@ -206,6 +167,8 @@ void res_mon_calc_io_stats(void)
     if (cur_uptime == prev_uptime)
         itv = 1;
     const double dt = static_cast<double>(itv);
+    /* kept: the threshold (percent) is read as unsigned and passes through
+     * single precision before it is compared. */
     const double threshold =
         static_cast<double>(static_cast<float>(static_cast<uint32_t>(io_threshold)));
 
@@ -227,8 +190,12 @@ void res_mon_calc_io_stats(void)
         d->rrqm_pct = d->wrqm_pct = d->drqm_pct = 0;
         d->rareq_sz = d->wareq_sz = d->dareq_sz = 0;
 
+        /* Busy time is counted in milliseconds and dt in hundredths of a
+         * second (10 ms): busy ms / (dt x 10 ms) x 100 %. */
         d->util = tick_diff(c->tot_ticks, p->tot_ticks) / dt * 100 / 10;
 
+        /* kept: discards count in n but not in the numerators, as these
+         * figures have always been defined. */
         uint64_t n = (c->rd_ios + c->wr_ios + c->dc_ios) - (p->rd_ios + p->wr_ios + p->dc_ios);
         if (n != 0) {
             d->await = tick_diff(c->rd_ticks + c->wr_ticks, p->rd_ticks + p->wr_ticks) / static_cast<double>(n);
@@ -236,6 +203,7 @@ void res_mon_calc_io_stats(void)
                        static_cast<double>(n);
         }
 
+        /* Sectors per second: dt is in hundredths of a second. */
         d->rsec_rate = static_cast<double>(c->rd_sectors - p->rd_sectors) / dt * 100;
         d->wsec_rate = static_cast<double>(c->wr_sectors - p->wr_sectors) / dt * 100;
         d->dsec_rate = static_cast<double>(c->dc_sectors - p->dc_sectors) / dt * 100;
@@ -267,18 +235,21 @@ void res_mon_calc_io_stats(void)
         if (fl_ios != 0)
             d->f_await = tick_diff(c->fl_ticks, p->fl_ticks) / static_cast<double>(fl_ios);
 
+        /* kept: the count of over-threshold samples is one for all disks,
+         * so the third such sample raises the warning on its disk whichever
+         * disks gave the first two. */
         if (d->util >= threshold) {
-            if (d->io_warn_state != 2) {
+            if (d->io_warn_state != RES_HEALTH_WARNING) {
                 io_warn_count += 1;
                 if (io_warn_count == 3) {
                     RES_DBG("io warning reach three times!");
-                    d->io_warn_state = 2;
+                    d->io_warn_state = RES_HEALTH_WARNING;
                     io_warn_count = 0;
                 }
             }
-        } else if (d->io_warn_state == 2) {
+        } else if (d->io_warn_state == RES_HEALTH_WARNING) {
             RES_DBG("io warning recover!");
-            d->io_warn_state = 1;
+            d->io_warn_state = RES_HEALTH_RECOVERED;
             io_warn_count = 0;
         }
     }

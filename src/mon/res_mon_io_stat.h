@@ -1,6 +1,6 @@
 /* Disk I/O statistics: the last two readings of every whole disk listed in
  * the kernel's disk statistics, the figures derived from them, the
- * utilisation warning state, and the uptime reader shared by the monitors. */
+ * utilisation warning state. */
 #ifndef RES_MON_IO_STAT_H
 #define RES_MON_IO_STAT_H
 
@@ -9,7 +9,6 @@
 #include "qn_thread.h"
 
 #define RES_DISKSTATS_PATH "/proc/diskstats"
-#define RES_UPTIME_PATH "/proc/uptime"
 #define RES_IO_NAME_LEN 128
 /* Number of busiest processes handed to the I/O publisher. */
 #define RES_IO_TOP_COUNT 5
@@ -42,7 +41,7 @@ struct io_device {
     uint32_t exist;
     uint32_t major;
     uint32_t minor;
-    uint32_t io_warn_state; /* 0 never warned, 2 warning raised, 1 recovered */
+    uint32_t io_warn_state; /* enum res_health: OK never warned, WARNING raised, RECOVERED */
     struct io_sample prev;
     struct io_sample cur;
     double util;
@@ -72,7 +71,6 @@ extern uint64_t cur_uptime;
 /* Over-threshold samples since the last warning or recovery, all devices. */
 extern uint32_t io_warn_count;
 
-int read_uptime(uint64_t *out);
 int res_mon_io_stat_scan(void);
 void res_mon_calc_io_stats(void);
 int res_mon_io_timer_func(struct qn_thread *thread);

@@ -38,6 +38,21 @@ struct xxxid_stats_arr *res_io_top_prev = nullptr;
 uint64_t res_io_top_cur_ms = 0;
 uint64_t res_io_top_prev_ms = 0;
 
+/* I/O priorities as the kernel packs them (linux/ioprio.h): the class in
+ * the bits from 13 up, the level below. */
+constexpr int RES_IOPRIO_CLASS_SHIFT = 13;
+constexpr int32_t RES_IOPRIO_RT = 1 << RES_IOPRIO_CLASS_SHIFT;   /* 8192: real-time class */
+constexpr int32_t RES_IOPRIO_BE = 2 << RES_IOPRIO_CLASS_SHIFT;   /* 16384: best-effort class */
+constexpr int32_t RES_IOPRIO_IDLE = 3 << RES_IOPRIO_CLASS_SHIFT; /* 24576: idle class */
+
+/* Taskstats delays are in nanoseconds; a delay over an interval of time_s
+ * seconds as a percentage of it is delay / (time_s x 1e9 ns) x 100, that is
+ * delay / (time_s x 1e7): 1e7 ns is one hundredth of a second. */
+constexpr double RES_NS_PER_PERCENT_OF_SECOND = 1e7;
+/* The interval of a first sample, or of two samples with the same time
+ * stamp, in seconds. */
+constexpr double RES_IO_TOP_NO_INTERVAL_S = 0.0001;
+
 constexpr size_t RES_NL_FAMILY_REPLY = 276;
 constexpr size_t RES_NL_STATS_REPLY = 1044;
 
@@ -231,17 +246,20 @@ char *res_dup_or_unknown(const std::string &text)
 int res_mon_ioprio(uint32_t pid)
 {
     long prio = syscall(SYS_ioprio_get, 1 /* IOPRIO_WHO_PROCESS */, static_cast<int>(pid));
-    if ((prio >> 13) != 0)
+    /* A class set for the process is taken as the kernel gives it. */
+    if ((prio >> RES_IOPRIO_CLASS_SHIFT) != 0)
         return static_cast<int32_t>(prio);
+    /* None set: the class and level the kernel derives from the scheduling
+     * policy and the nice value (nice -20..19 gives level 0..7). */
     errno = 0;
     int nice = getpriority(PRIO_PROCESS, pid);
     int level = (nice + 20) / 5;
     int policy = sched_getscheduler(static_cast<pid_t>(pid));
     if (policy == SCHED_FIFO || policy == SCHED_RR)
-        return 8192 + level;
+        return RES_IOPRIO_RT + level;
     if (policy == SCHED_IDLE)
-        return 24576;
-    return 16384 + level;
+        return RES_IOPRIO_IDLE;
+    return RES_IOPRIO_BE + level;
 }
 
 void res_mon_xxxid_resolve(struct xxxid_stats *s)
@@ -376,6 +394,9 @@ int my_sort_cb(const void *a, const void *b, void *arg)
     const struct xxxid_stats *pb = *static_cast<struct xxxid_stats *const *>(b);
     uint64_t ta = pa->read_bytes + pa->write_bytes;
     uint64_t tb = pb->read_bytes + pb->write_bytes;
+    /* kept: the order is by bytes since process start, not by rate, and the
+     * difference is cut to 32 bits, so totals 2^31 or more apart can compare
+     * the wrong way. */
     int ret = static_cast<int>(static_cast<uint32_t>(tb - ta));
     RES_VERBOSE("get a[%d] and b[%d] sort result[%d]", pa->tid, pb->tid, ret);
     return ret;
@@ -387,7 +408,8 @@ void res_mon_sort_iotop(struct xxxid_stats_arr *cur, struct xxxid_stats_arr *pre
         return;
     const uint64_t now = times ? times[0] : 0;
     const uint64_t before = times ? times[1] : 0;
-    double time_s = 0.0001;
+    double time_s = RES_IO_TOP_NO_INTERVAL_S;
+    /* Time stamps in milliseconds, the interval in seconds. */
     if (before != 0 && before != now)
         time_s = static_cast<double>(now - before) / 1000.0;
     RES_VERBOSE("get time_s %lf.", time_s);
@@ -400,9 +422,13 @@ void res_mon_sort_iotop(struct xxxid_stats_arr *cur, struct xxxid_stats_arr *pre
             n->read_val_acc = n->write_val_acc = 0;
             continue;
         }
+        /* kept: a counter that went down gives old - new - 1, the one's
+         * complement form the figures have always used. */
         auto diff = [](uint64_t nv, uint64_t ov) -> uint64_t { return nv >= ov ? nv - ov : ov - nv - 1; };
-        double blk = static_cast<double>(diff(n->blkio_delay_total, o->blkio_delay_total)) / (time_s * 1e7);
-        double swp = static_cast<double>(diff(n->swapin_delay_total, o->swapin_delay_total)) / (time_s * 1e7);
+        double blk = static_cast<double>(diff(n->blkio_delay_total, o->blkio_delay_total)) /
+                     (time_s * RES_NS_PER_PERCENT_OF_SECOND);
+        double swp = static_cast<double>(diff(n->swapin_delay_total, o->swapin_delay_total)) /
+                     (time_s * RES_NS_PER_PERCENT_OF_SECOND);
         n->blkio_val = blk > 100 ? 100 : blk;
         n->swapin_val = swp > 100 ? 100 : swp;
         uint64_t rd = diff(n->read_bytes, o->read_bytes);

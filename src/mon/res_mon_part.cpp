@@ -1,10 +1,11 @@
 #include "mon/res_mon_part.h"
 #include "mom/res_mom_part.h"
 
+#include "misc/res_health.h"
 #include "misc/res_misc.h"
 #include "misc/res_path.h"
+#include "misc/res_read.h"
 #include "misc/res_zlog.h"
-#include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_main.h"
 
 #include <fcntl.h>
@@ -49,34 +50,13 @@ int res_mon_probe_open(const char *path)
     return fd;
 }
 
-/* Copies the next whitespace-separated field of *cur into out (at most 31
- * characters; the rest of a longer field is passed over); false when the
- * line has no more fields. */
-bool res_mon_part_field(const char **cur, char *out)
-{
-    const char *p = *cur;
-    while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r' || *p == '\v' || *p == '\f')
-        ++p;
-    if (!*p)
-        return false;
-    size_t n = 0;
-    while (*p && *p != ' ' && *p != '\t' && *p != '\n' && *p != '\r' && *p != '\v' && *p != '\f') {
-        if (n < RES_PART_STR_LEN - 1)
-            out[n++] = *p;
-        ++p;
-    }
-    *cur = p;
-    return true;
-}
-
 /* Device and mount point of a mount-table line: the number of fields taken,
  * or -1 for a line with none (the count a "%s %s" scan reports). */
 int res_mon_part_fields(const char *line, char *dev, char *dir)
 {
-    const char *cur = line;
-    if (!res_mon_part_field(&cur, dev))
+    if (!res_misc_word(line, 1, dev, RES_PART_STR_LEN))
         return -1;
-    if (!res_mon_part_field(&cur, dir))
+    if (!res_misc_word(line, 2, dir, RES_PART_STR_LEN))
         return 1;
     return 2;
 }
@@ -173,12 +153,14 @@ void res_mon_part_fill_cap(struct res_part_info *p, const struct statfs *st, flo
     p->used_kb = (blocks - bavail) * bsize / 1000;
     if (!p->check_usage)
         return;
-    /* A zero total gives NaN, which never compares as over the threshold. */
+    /* kept: the rate is computed from single-precision sizes, as the
+     * verdict has always been made.  A zero total gives NaN, which never
+     * compares as over the threshold. */
     const double rate = static_cast<float>(p->used_kb) / static_cast<float>(p->total_kb) * 100.0;
     if (rate >= threshold)
-        p->usage_state = 2;
+        p->usage_state = RES_HEALTH_WARNING;
     else
-        p->usage_state = p->usage_state == 2 ? 1 : 0;
+        p->usage_state = p->usage_state == RES_HEALTH_WARNING ? RES_HEALTH_RECOVERED : RES_HEALTH_OK;
 }
 
 int res_mon_part_cap_timer_func(struct qn_thread *thread)
@@ -222,7 +204,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
         RES_VERBOSE("open %s with ret[%d] and errno[%d]", probe, fd, err);
         if (fd >= 0) {
             close(fd);
-            p->ro_state = p->ro_state == 2 ? 1 : 0;
+            p->ro_state = p->ro_state == RES_HEALTH_WARNING ? RES_HEALTH_RECOVERED : RES_HEALTH_OK;
             res_probe_refused[i] = false;
         } else if (err == ELOOP) {
             /* Could not probe: the state stays as it was. */
@@ -230,7 +212,7 @@ int res_mom_part_ro_timer_func(struct qn_thread *thread)
                 RES_ERR("probe file %s is a symbolic link or not a regular file, not probed.", probe);
             res_probe_refused[i] = true;
         } else if (err == EROFS) {
-            p->ro_state = 2;
+            p->ro_state = RES_HEALTH_WARNING;
         }
     }
     res_mom_part_ro_send(RES_PART_NUM);

@@ -19,10 +19,10 @@ struct res_part_info {
     char name[RES_PART_STR_LEN]; /* published name */
     uint32_t check_usage;        /* 1: the capacity threshold applies */
     uint32_t mounted;
-    uint32_t ro_state;    /* 0 writable, 2 read-only, 1 writable again (one probe) */
+    uint32_t ro_state;    /* enum res_health: OK writable, WARNING read-only, RECOVERED writable again (one probe) */
     uint64_t total_kb;    /* units of 1000 bytes */
     uint64_t used_kb;
-    uint32_t usage_state; /* 0 below, 2 at or over the threshold, 1 below again (one pass) */
+    uint32_t usage_state; /* enum res_health: OK below, WARNING at or over the threshold, RECOVERED below again (one pass) */
 };
 
 extern struct res_part_info res_part_table[RES_PART_NUM];

@@ -1,4 +1,5 @@
 #include "misc/res_misc.h"
+#include "misc/res_read.h"
 #include "mon/res_mon_io_stat.h"
 #include "mon/res_mon_io_top_info.h"
 #include "mon/res_mon_main.h"
