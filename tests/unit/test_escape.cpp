@@ -7,6 +7,7 @@
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
 #include "res_main.h"
+#include "slurp.h"
 
 #include <gtest/gtest.h>
 
@@ -19,14 +20,6 @@
 #include <vector>
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 /* Decodes UTF-8 by value (independently of the escaping code): the code
  * points, or false when `s` is not well-formed UTF-8. */

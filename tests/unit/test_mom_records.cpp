@@ -306,7 +306,7 @@ TEST_F(MomPartSave, EventLinesAreWrittenAtLevel120WhateverTheDebugLevel)
     r.cap("/data", "flash", 1000, 875, 2);
     ASSERT_EQ(res_mom_save_vol(r.v()), 0);
     res_zlog_level = 6;
-    std::string z = slurp_file(dir + "/events.log");
+    std::string z = slurp(dir + "/events.log");
     EXPECT_NE(z.find("EVENT mom/res_mom_part.cpp:"), std::string::npos) << z;
     EXPECT_NE(z.find(" res_part_vol_warning_task: " + kHigh), std::string::npos) << z;
     /* Not a diagnostic syslog line; only the log library's copy of the event. */
