@@ -16,6 +16,7 @@
 #include "mon/res_mon_main.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -114,6 +115,28 @@ protected:
     std::string dir;
     qn_zlog_category_t *saved_handle = nullptr;
     int32_t saved[7] = {};
+};
+
+/* Partition and lifetime records; the capacity and lifetime thresholds at
+ * their defaults. */
+class RecordsTest : public MomRecordsFixture {
+protected:
+    void SetUp() override
+    {
+        MomRecordsFixture::SetUp();
+        cap_threshold = 80;
+        disk_threshold = 12;
+    }
+
+    static struct res_mom_part_node *part(struct res_mom_node *n, const char *path)
+    {
+        for (struct res_list_head *p = n->part_list.next; p != &n->part_list; p = p->next) {
+            auto *e = res_list_entry(p, struct res_mom_part_node, list);
+            if (strcmp(e->part_path, path) == 0)
+                return e;
+        }
+        return nullptr;
+    }
 };
 
 #endif
