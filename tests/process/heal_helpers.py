@@ -10,8 +10,9 @@ import time
 from datetime import datetime
 
 from bus_helpers import RedisServer
-from records_helpers import QN_BUS, SHELL, Daemon, config
+from records_helpers import Daemon, config
 from stovig_proc import wait_for
+from stovig_tools import QN_BUS, bus_ok, cli
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=2 user_slot=2 type=cm name=CM-B\n"
@@ -90,18 +91,10 @@ class Chassis:
         return self.nodes[name]
 
     def bus(self, *args):
-        env = dict(os.environ, STOVIG_CONFIG=self.bus_cfg)
-        p = subprocess.run([QN_BUS] + [str(a) for a in args], env=env, capture_output=True, timeout=30)
-        if p.returncode != 0:
-            raise AssertionError("qn-bus %s: %s" % (" ".join(map(str, args)), p.stderr.decode()))
-        return p.stdout.decode()
+        return bus_ok(self.bus_cfg, *args)
 
     def cli(self, node, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.nodes[node].env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.nodes[node].env, *commands)
 
     def restart_store(self):
         """Stops redis-server and starts it again, empty; returns the time
