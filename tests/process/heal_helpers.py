@@ -4,13 +4,16 @@ the store restarts empty; daemons can be paused (SIGSTOP) to choose who gets
 back to the store first."""
 
 import os
+import shutil
 import signal
 import subprocess
+import tempfile
 import time
+import unittest
 from datetime import datetime
 
 from bus_helpers import RedisServer
-from records_helpers import Daemon, config
+from records_helpers import Daemon, config, sanitizer_report
 from stovig_proc import wait_for
 from stovig_tools import QN_BUS, bus_ok, cli
 
@@ -116,3 +119,23 @@ class Chassis:
             n.stop()
         self.keeper.stop()
         self.redis.stop()
+
+
+class ChassisTest(unittest.TestCase):
+    """A test with a work directory of its own (named after work_prefix) and
+    at most one Chassis, closed after the test; the nodes' standard error
+    must then hold no sanitizer report."""
+
+    work_prefix = "stovig-chassis-"
+
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix=self.work_prefix)
+        self.chassis = None
+
+    def tearDown(self):
+        errs = ""
+        if self.chassis:
+            self.chassis.close()
+            errs = "".join(n.stderr_text() for n in self.chassis.nodes.values())
+        shutil.rmtree(self.work, ignore_errors=True)
+        self.assertIsNone(sanitizer_report(errs), errs)

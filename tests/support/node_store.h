@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 /* Appends a node (device `devid`, slot `slot`, no sub-slot) shown as
  * `user_slot`; the store keeps it in user-slot order. */
 inline struct res_mom_node *add_node(int32_t devid, int32_t slot, int32_t user_slot)
@@ -18,6 +20,15 @@ inline struct res_mom_node *add_node(int32_t devid, int32_t slot, int32_t user_s
     n->user_slot = user_slot;
     EXPECT_EQ(res_mom_add_node_info_list(n), 0);
     return n;
+}
+
+/* The store's nodes in list order. */
+inline std::vector<struct res_mom_node *> nodes()
+{
+    std::vector<struct res_mom_node *> out;
+    for (struct res_list_head *p = res_node_list.next; p != &res_node_list; p = p->next)
+        out.push_back(res_list_entry(p, struct res_mom_node, list));
+    return out;
 }
 
 #endif

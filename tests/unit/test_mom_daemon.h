@@ -4,6 +4,7 @@
 #ifndef TEST_MOM_DAEMON_H
 #define TEST_MOM_DAEMON_H
 
+#include "node_store.h"
 #include "scan_collect.h"
 #include "test_mom_helpers.h"
 
@@ -107,14 +108,6 @@ protected:
         for (const scanned_record &r : scan_collect(bus(), db, pattern))
             got.push_back(r.key);
         return got;
-    }
-
-    std::vector<struct res_mom_node *> nodes() const
-    {
-        std::vector<struct res_mom_node *> out;
-        for (struct res_list_head *p = res_node_list.next; p != &res_node_list; p = p->next)
-            out.push_back(res_list_entry(p, struct res_mom_node, list));
-        return out;
     }
 
     std::unique_ptr<log_capture> log;

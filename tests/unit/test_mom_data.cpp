@@ -26,14 +26,6 @@ protected:
     void TearDown() override { res_mom_data_init(); }
 
     struct res_mom_node *add(int32_t devid, int32_t slot, int32_t user_slot) { return add_node(devid, slot, user_slot); }
-
-    std::vector<struct res_mom_node *> nodes() const
-    {
-        std::vector<struct res_mom_node *> out;
-        for (struct res_list_head *p = res_node_list.next; p != &res_node_list; p = p->next)
-            out.push_back(res_list_entry(p, struct res_mom_node, list));
-        return out;
-    }
 };
 
 TEST_F(MomDataTest, InitLeavesOnlyTheLocalNodeWithUnsetIdentity)
