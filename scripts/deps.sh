@@ -11,7 +11,7 @@ $SUDO apt-get install -y -q --no-install-recommends \
   build-essential g++ cmake pkg-config python3 \
   libevent-dev libspdlog-dev libsystemd-dev libinih-dev \
   libprotobuf-c-dev protobuf-c-compiler libhiredis-dev libedit-dev \
-  libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev \
+  libgtest-dev libgmock-dev nlohmann-json3-dev \
   redis-server sysstat iotop-c e2fsprogs util-linux fdisk procps \
   clang libclang-rt-14-dev systemd prometheus
 # Prometheus is wanted for its binaries only: the tests start their own

@@ -14,7 +14,7 @@ done
 for lib in libevent libsystemd inih libprotobuf-c hiredis libedit; do
     pkg-config --exists "$lib" 2>/dev/null || missing "library $lib (pkg-config)"
 done
-for header in spdlog/spdlog.h nlohmann/json.hpp gtest/gtest.h gmock/gmock.h benchmark/benchmark.h; do
+for header in spdlog/spdlog.h nlohmann/json.hpp gtest/gtest.h gmock/gmock.h; do
     [ -f "/usr/include/$header" ] || [ -f "/usr/local/include/$header" ] || missing "header $header"
 done
 # libFuzzer's runtime, for the fuzz harnesses' clang build.

@@ -4,7 +4,8 @@
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/have-deps.sh 2>/dev/null || ./scripts/deps.sh
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSTOVIG_SANITIZE=ON
+# STOVIG_WERROR=ON in the environment (as CI sets it) makes warnings errors.
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSTOVIG_SANITIZE=ON ${STOVIG_WERROR:+-DSTOVIG_WERROR=$STOVIG_WERROR}
 cmake --build build-asan -j"$(nproc)"
 (cd build-asan && ctest --output-on-failure --timeout 900 "$@")
 # Without ctest arguments, the libFuzzer harnesses too: a clang build of

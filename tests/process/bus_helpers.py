@@ -8,8 +8,7 @@ import subprocess
 import time
 
 from stovig_proc import BIN_DIR, Node, wait_for
-
-QN_BUS = os.path.join(BIN_DIR, "platform", "tools", "qn-bus", "qn-bus")
+from stovig_tools import bus
 
 
 def free_port():
@@ -112,9 +111,7 @@ class QnBus:
             f.write("[bus]\nurl = redis://127.0.0.1:%d\n" % redis.port)
 
     def run(self, *args):
-        env = dict(os.environ)
-        env["STOVIG_CONFIG"] = self.config
-        p = subprocess.run([QN_BUS] + [str(a) for a in args], env=env, capture_output=True, timeout=30)
+        p = bus(self.config, *args)
         return p.returncode, p.stdout.decode(errors="replace"), p.stderr.decode(errors="replace")
 
     def ok(self, *args):

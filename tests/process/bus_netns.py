@@ -18,7 +18,7 @@ import sys
 import threading
 import time
 
-from bus_helpers import QN_BUS
+from stovig_tools import QN_BUS
 
 
 def silent_dns():

@@ -10,9 +10,9 @@ import subprocess
 import time
 
 from stovig_proc import BIN_DIR
+from stovig_tools import SHELL, cli
 
 SERVER = os.path.join(BIN_DIR, "tests", "process", "helpers", "cli_test_server")
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 
 class SampleServer:
@@ -64,11 +64,7 @@ class SampleServer:
         return err
 
     def cli(self, *commands, stdin=None, env=None):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=env or self.env, capture_output=True, timeout=30, input=stdin)
-        return p.returncode, p.stdout.decode(errors="replace"), p.stderr.decode(errors="replace")
+        return cli(env or self.env, *commands, stdin=stdin, timeout=30, errors="replace")
 
 
 class PtyShell:

@@ -4,14 +4,18 @@ the store restarts empty; daemons can be paused (SIGSTOP) to choose who gets
 back to the store first."""
 
 import os
+import shutil
 import signal
 import subprocess
+import tempfile
 import time
+import unittest
 from datetime import datetime
 
 from bus_helpers import RedisServer
-from records_helpers import QN_BUS, SHELL, Daemon, config
+from records_helpers import Daemon, config, sanitizer_report
 from stovig_proc import wait_for
+from stovig_tools import QN_BUS, bus_ok, cli
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=2 user_slot=2 type=cm name=CM-B\n"
@@ -90,18 +94,10 @@ class Chassis:
         return self.nodes[name]
 
     def bus(self, *args):
-        env = dict(os.environ, STOVIG_CONFIG=self.bus_cfg)
-        p = subprocess.run([QN_BUS] + [str(a) for a in args], env=env, capture_output=True, timeout=30)
-        if p.returncode != 0:
-            raise AssertionError("qn-bus %s: %s" % (" ".join(map(str, args)), p.stderr.decode()))
-        return p.stdout.decode()
+        return bus_ok(self.bus_cfg, *args)
 
     def cli(self, node, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.nodes[node].env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.nodes[node].env, *commands)
 
     def restart_store(self):
         """Stops redis-server and starts it again, empty; returns the time
@@ -123,3 +119,23 @@ class Chassis:
             n.stop()
         self.keeper.stop()
         self.redis.stop()
+
+
+class ChassisTest(unittest.TestCase):
+    """A test with a work directory of its own (named after work_prefix) and
+    at most one Chassis, closed after the test; the nodes' standard error
+    must then hold no sanitizer report."""
+
+    work_prefix = "stovig-chassis-"
+
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix=self.work_prefix)
+        self.chassis = None
+
+    def tearDown(self):
+        errs = ""
+        if self.chassis:
+            self.chassis.close()
+            errs = "".join(n.stderr_text() for n in self.chassis.nodes.values())
+        shutil.rmtree(self.work, ignore_errors=True)
+        self.assertIsNone(sanitizer_report(errs), errs)

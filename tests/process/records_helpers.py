@@ -12,10 +12,9 @@ import time
 from datetime import datetime
 
 from bus_helpers import RedisServer
-from stovig_proc import BIN_DIR, DAEMON, Node, wait_for
+from stovig_proc import DAEMON, Node, wait_for
+from stovig_tools import bus_ok, cli
 
-QN_BUS = os.path.join(BIN_DIR, "platform", "tools", "qn-bus", "qn-bus")
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=5 user_slot=3 type=lc name=LC-48X\n")
@@ -147,18 +146,10 @@ class Pair:
         self.bus("inventory", inv)
 
     def bus(self, *args):
-        env = dict(os.environ, STOVIG_CONFIG=self.bus_cfg)
-        p = subprocess.run([QN_BUS] + [str(a) for a in args], env=env, capture_output=True, timeout=30)
-        if p.returncode != 0:
-            raise AssertionError("qn-bus %s: %s" % (" ".join(map(str, args)), p.stderr.decode()))
-        return p.stdout.decode()
+        return bus_ok(self.bus_cfg, *args)
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.master.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.master.env, *commands)
 
     def close(self):
         for d in (self.lc, self.master):

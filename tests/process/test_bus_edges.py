@@ -11,8 +11,9 @@ import sys
 import time
 import unittest
 
-from bus_helpers import QN_BUS, BusNode, QnBus, RedisServer, free_port, node_config, write_inventory
+from bus_helpers import BusNode, QnBus, RedisServer, free_port, node_config, write_inventory
 from stovig_proc import TempDir, wait_for
+from stovig_tools import QN_BUS
 
 
 def network_namespaces_available():

@@ -11,14 +11,13 @@ import os
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "helpers_mon"))
-from heal_helpers import Chassis, events, line_times  # noqa: E402
+from heal_helpers import Chassis, ChassisTest, events, line_times  # noqa: E402
 from mon_driver import namespaces_available  # noqa: E402
-from records_helpers import CAP_PASS, IO_SENT, RO_PASS, DiskFeed, sanitizer_report  # noqa: E402
+from records_helpers import CAP_PASS, IO_SENT, RO_PASS, DiskFeed  # noqa: E402
 from stovig_proc import wait_for  # noqa: E402
 
 UNSHARE = ["unshare", "-m", "--propagation", "private"]
@@ -32,18 +31,8 @@ def cm_node(slot, second_ms=100):
     return (slot, slot, 2, "CM", "[loop]\nsecond_ms = %d\n" % second_ms, [])
 
 
-class Heal(unittest.TestCase):
-    def setUp(self):
-        self.work = tempfile.mkdtemp(prefix="stovig-heal-")
-        self.chassis = None
-
-    def tearDown(self):
-        errs = ""
-        if self.chassis:
-            self.chassis.close()
-            errs = "".join(n.stderr_text() for n in self.chassis.nodes.values())
-        shutil.rmtree(self.work, ignore_errors=True)
-        self.assertIsNone(sanitizer_report(errs), errs)
+class Heal(ChassisTest):
+    work_prefix = "stovig-heal-"
 
     def start(self, nodes):
         self.chassis = Chassis(self.work, nodes)

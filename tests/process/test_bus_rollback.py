@@ -3,12 +3,9 @@ lifetime, older records): the master writes its configuration record
 again, so the nodes started afterwards read the values it holds."""
 
 import os
-import shutil
-import tempfile
 import unittest
 
-from heal_helpers import Chassis
-from records_helpers import sanitizer_report
+from heal_helpers import Chassis, ChassisTest
 from stovig_proc import wait_for
 
 CONF_KEY = "qnmom:33:p_utils.stovig_smpl_intrl:0.0.0.0"
@@ -18,18 +15,8 @@ def cm_node(slot):
     return (slot, slot, 2, "CM", None, [])
 
 
-class Rollback(unittest.TestCase):
-    def setUp(self):
-        self.work = tempfile.mkdtemp(prefix="stovig-rollback-")
-        self.chassis = None
-
-    def tearDown(self):
-        errs = ""
-        if self.chassis:
-            self.chassis.close()
-            errs = "".join(n.stderr_text() for n in self.chassis.nodes.values())
-        shutil.rmtree(self.work, ignore_errors=True)
-        self.assertIsNone(sanitizer_report(errs), errs)
+class Rollback(ChassisTest):
+    work_prefix = "stovig-rollback-"
 
     def conf(self):
         """The configuration record as qn-bus prints it."""

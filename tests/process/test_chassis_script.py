@@ -8,10 +8,10 @@ import subprocess
 import unittest
 
 from stovig_proc import BIN_DIR, TempDir, wait_for
+from stovig_tools import QN_BUS, SHELL
 
 REPO = os.environ.get("STOVIG_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
 SCRIPT = os.path.join(REPO, "scripts", "chassis.sh")
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 
 def start_time(pid):
@@ -80,7 +80,7 @@ class ChassisScript(unittest.TestCase):
             self.assertEqual(start_time(pid), start, name)
             self.assertEqual(os.getsid(int(pid)), int(pid), name)
         self.assertEqual([s[3] for s in started[1:]],
-                         [os.path.realpath(os.path.join(BIN_DIR, "platform", "tools", "qn-bus", "qn-bus"))] +
+                         [os.path.realpath(QN_BUS)] +
                          [os.path.realpath(os.path.join(BIN_DIR, "src", "qn-stovig"))] * 4)
 
         want = ["[slot1 : CM-A]", "[slot2 : CM-B]", "[slot5 : LC-5]", "[slot6 : LC-6]"]

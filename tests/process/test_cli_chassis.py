@@ -4,13 +4,12 @@ lists the nodes in user-slot order with their slot and card names; a line
 card set offline disappears from the output."""
 
 import os
-import subprocess
 import unittest
 
 from bus_helpers import BusNode, QnBus, RedisServer, node_config, write_inventory
-from stovig_proc import BIN_DIR, TempDir, wait_for
+from stovig_proc import TempDir, wait_for
+from stovig_tools import cli
 
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=5 user_slot=3 type=lc name=LC-48X\n"
@@ -44,11 +43,7 @@ class ChassisShow(unittest.TestCase):
         self.tmp.cleanup()
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.master.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.master.env, *commands)
 
     def test_nodes_in_user_slot_order_and_offline_card_leaves(self):
         for n in [self.master] + self.cards:

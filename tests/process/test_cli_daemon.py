@@ -6,9 +6,8 @@ import os
 import subprocess
 import unittest
 
-from stovig_proc import BIN_DIR, Node, TempDir, wait_for, read_text
-
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
+from stovig_proc import Node, TempDir, wait_for, read_text
+from stovig_tools import SHELL, cli
 
 
 class DaemonCliTest(unittest.TestCase):
@@ -32,11 +31,7 @@ class DaemonCliTest(unittest.TestCase):
         self.tmp.cleanup()
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.node.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.node.env, *commands)
 
     def config(self, *commands):
         return self.cli("configure terminal", *commands)

@@ -9,9 +9,10 @@ import threading
 import time
 import unittest
 
-from cli_helpers import SHELL, PtyShell, SampleServer
+from cli_helpers import PtyShell, SampleServer
 from cli_session import RawSession
 from stovig_proc import TempDir, wait_for
+from stovig_tools import SHELL
 
 LOST = "% Connection to qn-stovig lost.\n"
 

@@ -11,9 +11,10 @@ import stat
 import subprocess
 import unittest
 
-from cli_helpers import SHELL, SampleServer
+from cli_helpers import SampleServer
 from cli_session import RawSession
 from stovig_proc import TempDir, read_text, wait_for
+from stovig_tools import SHELL
 
 MOUNT = shutil.which("mount", path="/usr/bin:/bin:/usr/sbin:/sbin")
 # The other user runs the system's interpreter: the one running the tests

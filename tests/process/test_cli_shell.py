@@ -11,9 +11,9 @@ import time
 import unittest
 
 from stovig_proc import BIN_DIR, TempDir, wait_for, read_text
+from stovig_tools import SHELL, cli
 
 SERVER = os.path.join(BIN_DIR, "tests", "process", "helpers", "cli_test_server")
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 
 class ShellTest(unittest.TestCase):
@@ -41,11 +41,7 @@ class ShellTest(unittest.TestCase):
         self.tmp.cleanup()
 
     def cli(self, *commands, stdin=None):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.env, capture_output=True, timeout=20, input=stdin)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.env, *commands, stdin=stdin)
 
     def raw(self):
         s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)

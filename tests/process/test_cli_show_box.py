@@ -5,13 +5,12 @@ records travel over the embedded bus into its own node store."""
 
 import os
 import struct
-import subprocess
 import unittest
 
 from box_fixture import box_node, start_box, unavailable
-from stovig_proc import BIN_DIR, TempDir, wait_for
+from stovig_proc import TempDir, wait_for
+from stovig_tools import cli
 
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 CONFIG = "[loop]\nsecond_ms = 50\n"
 PROCESS_TABLE = object()  # where the process table stands in the output
 
@@ -41,11 +40,7 @@ class ShowBox(unittest.TestCase):
         start_box(self.node)
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.node.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+        return cli(self.node.env, *commands)
 
     def test_all_info_line_by_line(self):
         self.start_in_namespace()

@@ -16,6 +16,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "helpers_mon"))
 from stovig_proc import BIN_DIR, DAEMON, Node, TempDir, read_bytes, wait_for  # noqa: E402
+from stovig_tools import SHELL  # noqa: E402
 from throwaway_user import ThrowawayUser  # noqa: E402
 
 RO_PASS = "res_mom_part_ro_timer_func add timer with ret[0]."
@@ -270,7 +271,6 @@ class Attacks(unittest.TestCase):
 
 
 IO_WRITER = os.path.join(BIN_DIR, "tests", "process", "helpers_hardening", "io_record_writer")
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 
 @unittest.skipUnless(shutil.which("redis-server"), "redis-server is not installed")

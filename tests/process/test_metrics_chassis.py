@@ -8,15 +8,14 @@ stops publishing shows a growing age; a line card serves its own figures."""
 import json
 import os
 import signal
-import subprocess
 import time
 import unittest
 
 from bus_helpers import BusNode, QnBus, RedisServer, free_port, node_config, write_inventory
 from metrics_helpers import PROMETHEUS, PROMTOOL, PrometheusServer, fetch, promtool_check, samples, text_from_json
-from stovig_proc import BIN_DIR, TempDir, wait_for
+from stovig_proc import TempDir, wait_for
+from stovig_tools import cli
 
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 
 INVENTORY = ("slot=1 user_slot=1 type=cm name=CM-A master=1\n"
              "slot=5 user_slot=3 type=lc name=LC-48X\n"
@@ -60,11 +59,7 @@ class MetricsChassis(unittest.TestCase):
         self.tmp.cleanup()
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.master.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(errors="replace"), p.stderr.decode(errors="replace")
+        return cli(self.master.env, *commands, errors="replace")
 
     def json_doc(self):
         code, out, err = self.cli("show storage all-info json")

@@ -10,9 +10,9 @@ import shutil
 import subprocess
 import unittest
 
-from stovig_proc import BIN_DIR, Node, TempDir, wait_for
+from stovig_proc import Node, TempDir, wait_for
+from stovig_tools import cli
 
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 UNIT = os.path.join(os.environ.get("STOVIG_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", "..")),
                     "packaging", "qn-stovig.service")
 
@@ -157,12 +157,7 @@ class StateDirectoryLayout(unittest.TestCase):
                         "no command socket in %s" % self.node.run_dir)
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=dict(os.environ, TMPDIR=self.state), capture_output=True, text=True,
-                           timeout=30)
-        return p.returncode, p.stdout, p.stderr
+        return cli(dict(os.environ, TMPDIR=self.state), *commands, timeout=30, text=True)
 
     def test_saved_configuration_is_replayed_after_a_stop(self):
         self.start()

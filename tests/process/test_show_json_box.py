@@ -7,15 +7,14 @@ import json
 import os
 import signal
 import socket
-import subprocess
 import unittest
 
 from box_fixture import box_node, start_box, unavailable
 from bus_helpers import free_port
 from metrics_helpers import PROMTOOL, fetch, promtool_check, samples, text_from_json
-from stovig_proc import BIN_DIR, TempDir, wait_for
+from stovig_proc import TempDir, wait_for
+from stovig_tools import cli
 
-SHELL = os.path.join(BIN_DIR, "platform", "tools", "qn-stovig-cli", "qn-stovig-cli")
 ITEMS = ("all-info", "io", "ro", "capacity", "lifetime")
 
 
@@ -37,11 +36,7 @@ class JsonBox(unittest.TestCase):
             self.tmp.cleanup()
 
     def cli(self, *commands):
-        args = [SHELL]
-        for c in commands:
-            args += ["-c", c]
-        p = subprocess.run(args, env=self.node.env, capture_output=True, timeout=20)
-        return p.returncode, p.stdout.decode(errors="replace"), p.stderr.decode(errors="replace")
+        return cli(self.node.env, *commands, errors="replace")
 
     def wait_ready(self):
         ok = wait_for(lambda: "Storage Name:               emmc" in self.cli("show storage all-info")[1]

@@ -6,6 +6,8 @@
 #define MOM_RECORDS_FIXTURE_H
 
 #include "test_mom_daemon.h"
+#include "node_store.h"
+#include "scan_collect.h"
 
 #include "misc/res_misc.h"
 #include "mom/res_mom_data.h"
@@ -14,6 +16,7 @@
 #include "mon/res_mon_main.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -78,7 +81,7 @@ protected:
     std::vector<std::string> events(const std::string &task) const
     {
         std::vector<std::string> out;
-        std::istringstream in(slurp_file(dir + "/events.log"));
+        std::istringstream in(slurp(dir + "/events.log"));
         std::string line;
         std::string mark = " " + task + ": ";
         while (std::getline(in, line)) {
@@ -89,18 +92,6 @@ protected:
                 out.push_back(line.substr(p + mark.size()));
         }
         return out;
-    }
-
-    struct res_mom_node *add_node(int32_t devid, int32_t slot, int32_t user_slot)
-    {
-        struct res_mom_node *n = res_mom_malloc_node_init();
-        EXPECT_NE(n, nullptr);
-        n->devid = devid;
-        n->slotid = slot;
-        n->sslotid = 0;
-        n->user_slot = user_slot;
-        EXPECT_EQ(res_mom_add_node_info_list(n), 0);
-        return n;
     }
 
     static int list_len(const struct res_list_head *h)
@@ -114,30 +105,38 @@ protected:
     /* Packed copies of the records of one kind in a database. */
     std::vector<std::string> records(uint32_t db, const ProtobufCMessage *pattern)
     {
-        static std::vector<std::string> got;
-        static bool over;
-        got.clear();
-        over = false;
-        EXPECT_EQ(qn_mom_scan(bus(), db, pattern, 0,
-                              [](void *, qn_mom_reply_t *r) {
-                                  if (r->scan_state == QN_MOM_SCAN_OVER) {
-                                      over = true;
-                                  } else if (r->res && r->res->value) {
-                                      std::string b(protobuf_c_message_get_packed_size(r->res->value), '\0');
-                                      protobuf_c_message_pack(r->res->value, reinterpret_cast<uint8_t *>(&b[0]));
-                                      got.push_back(b);
-                                  }
-                                  return 0;
-                              },
-                              nullptr),
-                  0);
-        run_until([] { return over; });
+        std::vector<std::string> got;
+        for (const scanned_record &r : scan_collect(bus(), db, pattern))
+            if (r.has_value)
+                got.push_back(r.packed);
         return got;
     }
 
     std::string dir;
     qn_zlog_category_t *saved_handle = nullptr;
     int32_t saved[7] = {};
+};
+
+/* Partition and lifetime records; the capacity and lifetime thresholds at
+ * their defaults. */
+class RecordsTest : public MomRecordsFixture {
+protected:
+    void SetUp() override
+    {
+        MomRecordsFixture::SetUp();
+        cap_threshold = 80;
+        disk_threshold = 12;
+    }
+
+    static struct res_mom_part_node *part(struct res_mom_node *n, const char *path)
+    {
+        for (struct res_list_head *p = n->part_list.next; p != &n->part_list; p = p->next) {
+            auto *e = res_list_entry(p, struct res_mom_part_node, list);
+            if (strcmp(e->part_path, path) == 0)
+                return e;
+        }
+        return nullptr;
+    }
 };
 
 #endif

@@ -4,6 +4,8 @@
 #ifndef STORE_FIXTURE_H
 #define STORE_FIXTURE_H
 
+#include "node_store.h"
+
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
@@ -111,14 +113,7 @@ class KnownStore : public ::testing::Test {
      * user-slot order. */
     res_mom_node *add_remote(int32_t slotid, int32_t user_slot)
     {
-        res_mom_node *n = res_mom_malloc_node_init();
-        EXPECT_NE(nullptr, n);
-        n->devid = 0;
-        n->slotid = slotid;
-        n->sslotid = 0;
-        n->user_slot = user_slot;
-        res_mom_add_node_info_list(n);
-        return n;
+        return add_node(0, slotid, user_slot);
     }
 };
 

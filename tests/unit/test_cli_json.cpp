@@ -2,33 +2,15 @@
  * for byte; odd names always give a document that parses. */
 #include "cli/res_cli_json.h"
 #include "cli/res_cli_show.h"
+#include "printed.h"
 #include "store_fixture.h"
 #include "test_mom_helpers.h"
 
 #include <nlohmann/json.hpp>
 
-#include <cstdarg>
 #include <string>
 
 namespace {
-
-std::string printed;
-
-int capture(const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    va_list copy;
-    va_copy(copy, ap);
-    int n = vsnprintf(nullptr, 0, fmt, copy);
-    va_end(copy);
-    std::string text(static_cast<size_t>(n) + 1, '\0');
-    vsnprintf(text.data(), text.size(), fmt, ap);
-    va_end(ap);
-    text.pop_back();
-    printed += text;
-    return n;
-}
 
 class ShowJson : public KnownStore {
   protected:

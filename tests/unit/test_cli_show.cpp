@@ -1,5 +1,7 @@
 /* "show storage" output from the node store, compared byte for byte. */
 #include "cli/res_cli_show.h"
+#include "printed.h"
+#include "store_fixture.h"
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
@@ -7,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,96 +16,23 @@
 
 namespace {
 
-std::string printed;
+/* The renderers' known store, with a usb0 of 3 bytes as these texts were
+ * written for; disk() and part() add or change entries in a test. */
+const auto disk = store_disk;
+const auto part = store_part;
 
-int capture(const char *fmt, ...)
-{
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    printed += buf;
-    return n;
-}
-
-res_mom_disk_io_node disk(const char *name, double r, double w, double u, uint32_t flag)
-{
-    res_mom_disk_io_node d{};
-    snprintf(d.disk_name, sizeof d.disk_name, "%s", name);
-    d.io_read = r;
-    d.io_write = w;
-    d.io_util = u;
-    d.io_flag = flag;
-    return d;
-}
-
-res_mom_proc_io_node proc(uint32_t pid, const char *name, double r, double w)
-{
-    res_mom_proc_io_node p{};
-    p.proc_id = pid;
-    snprintf(p.proc_name, sizeof p.proc_name, "%s", name);
-    p.io_read = r;
-    p.io_write = w;
-    return p;
-}
-
-void part(res_mom_node *node, const char *path, const char *name, uint64_t total, uint64_t used, uint32_t vol_flag,
-          uint32_t ro_flag, uint32_t visible, uint32_t exist)
-{
-    res_mom_part_node *p = res_mom_get_part_node_by_path(&node->part_list, path, static_cast<int>(strlen(path)));
-    ASSERT_NE(nullptr, p);
-    snprintf(p->part_uname, sizeof p->part_uname, "%s", name);
-    p->total_vol = total;
-    p->use_vol = used;
-    p->vol_flag = vol_flag;
-    p->ro_flag = ro_flag;
-    p->vol_visible = p->ro_visible = visible;
-    p->exist = exist;
-}
-
-class ShowStorage : public ::testing::Test {
+class ShowStorage : public KnownStore {
   protected:
     void SetUp() override
     {
-        unsetenv("STOVIG_CONFIG");
-        qn_platform_config_reload();
-        ASSERT_EQ(0, res_mom_data_init());
-        res_local_node.devid = 0;
-        res_local_node.slotid = 1;
-        res_local_node.sslotid = 0;
-        res_local_node.user_slot = 1;
-        io_interval = 10;
-        io_threshold = 50;
-        ro_interval = 30;
-        cap_interval = 30;
-        cap_threshold = 80;
-        disk_interval = 60;
-        disk_threshold = 12;
-        res_disk_type = RES_DISK_EMMC;
+        KnownStore::SetUp();
         printed.clear();
     }
-    void TearDown() override { res_mom_data_init(); }
 
     void fill_local()
     {
-        res_mom_disk_io_node d1 = disk("sda", 12.5, 300.25, 87.5, 2);
-        res_mom_disk_io_node d2 = disk("mmcblk0", 0, 1024, 3.125, 1);
-        ASSERT_EQ(0, res_mom_add_node_disk_io_list(&d1, &res_local_node.disk_io_list));
-        ASSERT_EQ(0, res_mom_add_node_disk_io_list(&d2, &res_local_node.disk_io_list));
-        res_mom_proc_io_node p1 = proc(1234, "dd", 4096, 8192.5);
-        res_mom_proc_io_node p2 = proc(77, "kworker/u8:1", 0, 10);
-        ASSERT_EQ(0, res_mom_add_node_proc_io_list(&p1, &res_local_node.proc_io_list));
-        ASSERT_EQ(0, res_mom_add_node_proc_io_list(&p2, &res_local_node.proc_io_list));
-        part(&res_local_node, "/data", "flash", 1000, 875, 2, 2, 1, 1);
-        part(&res_local_node, "/", "rootfs", 5000, 100, 0, 0, 0, 1);
+        KnownStore::fill_local();
         part(&res_local_node, "/mnt/usb0", "usb0", 3, 1, 1, 1, 1, 1);
-        part(&res_local_node, "/mnt/sd0", "sd0", 3, 1, 0, 0, 1, 0);
-        res_mom_lifetime_node l{};
-        snprintf(l.disk_name, sizeof l.disk_name, "emmc");
-        l.left_lifetime = 1;
-        l.flag = 2;
-        ASSERT_EQ(0, res_mom_add_node_disk_lft_list(&l, &res_local_node.lifetime_list));
     }
 };
 

@@ -6,7 +6,9 @@
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
+#include "printed.h"
 #include "res_main.h"
+#include "slurp.h"
 
 #include <gtest/gtest.h>
 
@@ -19,14 +21,6 @@
 #include <vector>
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 /* Decodes UTF-8 by value (independently of the escaping code): the code
  * points, or false when `s` is not well-formed UTF-8. */
@@ -329,18 +323,6 @@ TEST_F(EscapedLines, PrintableEventLineIsUnchanged)
     res_event_line("mom/res_mom_part.cpp", "res_part_ro_warning_task", 1, "slot3 Partition usb0 is readonly.");
     EXPECT_EQ(1, count_lines_with(slurp(dir + "/events.log"),
                                   "res_part_ro_warning_task: slot3 Partition usb0 is readonly."));
-}
-
-std::string printed;
-int capture(const char *fmt, ...)
-{
-    char buf[2048];
-    va_list ap;
-    va_start(ap, fmt);
-    int n = vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    printed += buf;
-    return n;
 }
 
 TEST(EscapedShow, NamesFromTheBusAreShownEscaped)

@@ -1,5 +1,7 @@
 /* The age of each node's data: saving a record notes its kind on the node it
  * names, and the age counts from there. */
+#include "node_store.h"
+
 #include "mom/res_mom_age.h"
 #include "mom/res_mom_data.h"
 #include "mom/res_mom_disk.h"
@@ -19,13 +21,8 @@ protected:
         res_local_node.devid = 0;
         res_local_node.slotid = 1;
         res_local_node.sslotid = 0;
-        card = res_mom_malloc_node_init();
+        card = add_node(0, 5, 3);
         ASSERT_NE(card, nullptr);
-        card->devid = 0;
-        card->slotid = 5;
-        card->sslotid = 0;
-        card->user_slot = 3;
-        ASSERT_EQ(res_mom_add_node_info_list(card), 0);
         idx.t_devid = 0;
         idx.t_slotid = 5;
         idx.t_sslotid = 0;

@@ -4,6 +4,8 @@
 #ifndef TEST_MOM_DAEMON_H
 #define TEST_MOM_DAEMON_H
 
+#include "node_store.h"
+#include "scan_collect.h"
 #include "test_mom_helpers.h"
 
 #include "mom/res_mom_data.h"
@@ -102,30 +104,10 @@ protected:
     /* Keys of the records of one type in a database. */
     std::vector<std::string> keys(uint32_t db, const ProtobufCMessage *pattern)
     {
-        static std::vector<std::string> got;
-        static bool over;
-        got.clear();
-        over = false;
-        EXPECT_EQ(qn_mom_scan(bus(), db, pattern, 0,
-                              [](void *, qn_mom_reply_t *r) {
-                                  if (r->scan_state == QN_MOM_SCAN_OVER)
-                                      over = true;
-                                  else
-                                      got.push_back(r->key);
-                                  return 0;
-                              },
-                              nullptr),
-                  0);
-        run_until([] { return over; });
+        std::vector<std::string> got;
+        for (const scanned_record &r : scan_collect(bus(), db, pattern))
+            got.push_back(r.key);
         return got;
-    }
-
-    std::vector<struct res_mom_node *> nodes() const
-    {
-        std::vector<struct res_mom_node *> out;
-        for (struct res_list_head *p = res_node_list.next; p != &res_node_list; p = p->next)
-            out.push_back(res_list_entry(p, struct res_mom_node, list));
-        return out;
     }
 
     std::unique_ptr<log_capture> log;

@@ -1,4 +1,5 @@
 /* The per-node store: order, lookups, removal and the entry lists. */
+#include "node_store.h"
 #include "test_mom_helpers.h"
 
 #include "mom/res_mom_data.h"
@@ -24,25 +25,7 @@ protected:
     }
     void TearDown() override { res_mom_data_init(); }
 
-    struct res_mom_node *add(int32_t devid, int32_t slot, int32_t user_slot)
-    {
-        struct res_mom_node *n = res_mom_malloc_node_init();
-        EXPECT_NE(n, nullptr);
-        n->devid = devid;
-        n->slotid = slot;
-        n->sslotid = 0;
-        n->user_slot = user_slot;
-        EXPECT_EQ(res_mom_add_node_info_list(n), 0);
-        return n;
-    }
-
-    std::vector<struct res_mom_node *> nodes() const
-    {
-        std::vector<struct res_mom_node *> out;
-        for (struct res_list_head *p = res_node_list.next; p != &res_node_list; p = p->next)
-            out.push_back(res_list_entry(p, struct res_mom_node, list));
-        return out;
-    }
+    struct res_mom_node *add(int32_t devid, int32_t slot, int32_t user_slot) { return add_node(devid, slot, user_slot); }
 };
 
 TEST_F(MomDataTest, InitLeavesOnlyTheLocalNodeWithUnsetIdentity)

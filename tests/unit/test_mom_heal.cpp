@@ -27,25 +27,21 @@ protected:
     /* The configuration record on the bus, or a negative cap threshold. */
     int stored_cap_threshold()
     {
-        static int got;
-        static bool over;
-        got = -1;
-        over = false;
+        int got = -1;
         PUtils__StovigSmplIntrl pattern = P_UTILS__STOVIG_SMPL_INTRL__INIT;
         PUtils__Nodeindex zero = P_UTILS__NODEINDEX__INIT;
         pattern.index = &zero;
-        EXPECT_EQ(qn_mom_scan(bus(), QN_MOM_DEV_DB, &pattern.base, 0,
-                              [](void *, qn_mom_reply_t *r) {
-                                  if (r->scan_state == QN_MOM_SCAN_OVER)
-                                      over = true;
-                                  else if (r->res && r->res->value)
-                                      got = static_cast<int>(
-                                          reinterpret_cast<PUtils__StovigSmplIntrl *>(r->res->value)->part_cap_thrshd);
-                                  return 0;
-                              },
-                              nullptr),
-                  0);
-        run_until([] { return over; });
+        for (const scanned_record &r : scan_collect(bus(), QN_MOM_DEV_DB, &pattern.base)) {
+            if (!r.has_value)
+                continue;
+            PUtils__StovigSmplIntrl *conf = p_utils__stovig_smpl_intrl__unpack(
+                nullptr, r.packed.size(), reinterpret_cast<const uint8_t *>(r.packed.data()));
+            EXPECT_NE(conf, nullptr);
+            if (conf) {
+                got = static_cast<int>(conf->part_cap_thrshd);
+                p_utils__stovig_smpl_intrl__free_unpacked(conf, nullptr);
+            }
+        }
         return got;
     }
 

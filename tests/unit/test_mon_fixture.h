@@ -4,6 +4,9 @@
 #ifndef TEST_MON_FIXTURE_H
 #define TEST_MON_FIXTURE_H
 
+#include "log_file.h"
+#include "slurp.h"
+
 #include "misc/res_zlog.h"
 #include "qn_platform_config.h"
 #include "res_main.h"
@@ -93,25 +96,13 @@ class MonFixture : public ::testing::Test {
     /* Puts the tree's /bin first in PATH (fake mount, umount, fdisk). */
     void fake_bin_first() { setenv("PATH", (root + "/bin:" + saved_path).c_str(), 1); }
 
-    static std::string slurp(const std::string &path)
-    {
-        std::ifstream f(path, std::ios::binary);
-        std::stringstream ss;
-        ss << f.rdbuf();
-        return ss.str();
-    }
     std::string read(const std::string &rel) { return slurp(root + rel); }
-    std::string log() { return slurp(root + "/syslog.log"); }
-    void clear_log() { std::ofstream(root + "/syslog.log", std::ios::trunc); }
-    bool logged(const std::string &text) { return log().find(text) != std::string::npos; }
-    size_t count(const std::string &text)
-    {
-        std::string l = log();
-        size_t n = 0;
-        for (size_t at = l.find(text); at != std::string::npos; at = l.find(text, at + 1))
-            ++n;
-        return n;
-    }
+    /* The syslog capture the config points at. */
+    log_file syslog_capture() const { return {root + "/syslog.log"}; }
+    std::string log() { return syslog_capture().text(); }
+    void clear_log() { syslog_capture().clear(); }
+    bool logged(const std::string &text) { return syslog_capture().has(text); }
+    size_t count(const std::string &text) { return static_cast<size_t>(syslog_capture().count(text)); }
 
     std::string root;
     std::string saved_path;

@@ -3,6 +3,7 @@
 #include "test_loop.h"
 #include "qn_platform_config.h"
 #include "qn_zlog_standin.h"
+#include "slurp.h"
 
 #include <gtest/gtest.h>
 
@@ -13,14 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 /* A fixture tree under STOVIG_ROOT for the level files. */
 class DebugLevelFiles : public ::testing::Test {

@@ -4,6 +4,7 @@
 #include "qn_platform_config.h"
 #include "qn_zlog.h"
 #include "qn_zlog_standin.h"
+#include "slurp.h"
 
 #include <gtest/gtest.h>
 
@@ -24,14 +25,6 @@
 #include <vector>
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
 
 std::vector<std::string> lines_of(const std::string &text)
 {

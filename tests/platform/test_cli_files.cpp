@@ -2,6 +2,7 @@
  * are used only where no other user could have put something in their place,
  * and the startup configuration is replaced whole or not at all. */
 #include "qn_cli_files.h"
+#include "slurp.h"
 
 #include <gtest/gtest.h>
 
@@ -29,13 +30,6 @@ class CliFiles : public ::testing::Test {
     }
     void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
 
-    static std::string slurp(const std::string &path)
-    {
-        std::ifstream f(path);
-        std::stringstream s;
-        s << f.rdbuf();
-        return s.str();
-    }
     static void put(const std::string &path, const std::string &text, mode_t mode = 0600)
     {
         std::ofstream(path) << text;

@@ -4,6 +4,7 @@
 #ifndef TEST_MOM_HELPERS_H
 #define TEST_MOM_HELPERS_H
 
+#include "log_file.h"
 #include "test_loop.h"
 
 #include "misc/res_zlog.h"
@@ -15,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 
 /* Writes a config file and points STOVIG_CONFIG at it while it lives. */
@@ -50,18 +50,9 @@ inline bool run_until(const std::function<bool()> &pred, int ms = 3000)
     return pred();
 }
 
-inline std::string slurp_file(const std::string &path)
-{
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 /* Diagnostics at debug level 5 into a file of their own, plus the rest of a
  * config for the test. */
-struct log_capture {
-    std::string file;
+struct log_capture : log_file {
     std::unique_ptr<config_file> cfg;
     uint32_t saved_level;
     explicit log_capture(const std::string &more = "")
@@ -79,17 +70,6 @@ struct log_capture {
         res_dbg_level = saved_level;
         cfg.reset();
         unlink(file.c_str());
-    }
-    std::string text() const { return slurp_file(file); }
-    void clear() const { std::ofstream(file, std::ios::trunc); }
-    bool has(const std::string &needle) const { return text().find(needle) != std::string::npos; }
-    int count(const std::string &needle) const
-    {
-        std::string t = text();
-        int n = 0;
-        for (size_t p = t.find(needle); p != std::string::npos; p = t.find(needle, p + 1))
-            ++n;
-        return n;
     }
 };
 
