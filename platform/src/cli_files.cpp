@@ -5,6 +5,7 @@
  * configuration is replaced atomically or not at all. */
 #include "qn_cli_files.h"
 #include "qn_cli_proto.h"
+#include "log_open.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -49,24 +50,6 @@ struct fd_guard {
     fd_guard(const fd_guard &) = delete;
     fd_guard &operator=(const fd_guard &) = delete;
 };
-
-bool write_all(int fd, const std::string &text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return false;
-        if (n == 0) {
-            errno = EIO;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
 
 /* Creates `name` in `dirfd` for writing, owner only, never through a link;
  * a leftover regular file of ours from an interrupted write is replaced. */
@@ -282,7 +265,7 @@ bool cli_startup_write(const std::string &path, const std::string &text, std::st
         why = "cannot create " + tmp + ": " + errno_text(errno);
         return false;
     }
-    bool written = write_all(fd, text) && fsync(fd) == 0;
+    bool written = qn_log_write_all(fd, text.data(), text.size(), nullptr) && fsync(fd) == 0;
     int err = errno;
     if (close(fd) != 0 && written) {
         written = false;
