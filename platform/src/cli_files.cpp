@@ -51,6 +51,21 @@ struct fd_guard {
     fd_guard &operator=(const fd_guard &) = delete;
 };
 
+/* True when `st` is ours and neither its group nor others may write it;
+ * otherwise false with the reason, starting with `path`, in `why`. */
+bool private_to_us(const struct stat &st, const std::string &path, std::string &why)
+{
+    if (st.st_uid != geteuid()) {
+        why = path + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
+        return false;
+    }
+    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        why = path + ": writable by its group or by others";
+        return false;
+    }
+    return true;
+}
+
 /* Creates `name` in `dirfd` for writing, owner only, never through a link;
  * a leftover regular file of ours from an interrupted write is replaced. */
 int create_fresh(int dirfd, const std::string &name)
@@ -115,11 +130,7 @@ int cli_open_private_dir(const std::string &dir, std::string &why)
         why = dir + ": " + errno_text(errno);
     } else if (!S_ISDIR(st.st_mode)) {
         why = dir + ": not a directory";
-    } else if (st.st_uid != geteuid()) {
-        why = dir + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
-    } else if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-        why = dir + ": writable by its group or by others";
-    } else {
+    } else if (private_to_us(st, dir, why)) {
         return fd;
     }
     close(fd);
@@ -211,14 +222,8 @@ bool cli_startup_read(const std::string &path, std::vector<std::string> &lines, 
         why = path + ": not a regular file";
         return false;
     }
-    if (st.st_uid != geteuid()) {
-        why = path + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
+    if (!private_to_us(st, path, why))
         return false;
-    }
-    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-        why = path + ": writable by its group or by others";
-        return false;
-    }
     if (st.st_size > startup_max_size) {
         why = path + ": larger than " + std::to_string(startup_max_size) + " bytes";
         return false;
