@@ -5,6 +5,7 @@
  * configuration is replaced atomically or not at all. */
 #include "qn_cli_files.h"
 #include "qn_cli_proto.h"
+#include "log_open.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -50,20 +51,17 @@ struct fd_guard {
     fd_guard &operator=(const fd_guard &) = delete;
 };
 
-bool write_all(int fd, const std::string &text)
+/* True when `st` is ours and neither its group nor others may write it;
+ * otherwise false with the reason, starting with `path`, in `why`. */
+bool private_to_us(const struct stat &st, const std::string &path, std::string &why)
 {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return false;
-        if (n == 0) {
-            errno = EIO;
-            return false;
-        }
-        done += static_cast<size_t>(n);
+    if (st.st_uid != geteuid()) {
+        why = path + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
+        return false;
+    }
+    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        why = path + ": writable by its group or by others";
+        return false;
     }
     return true;
 }
@@ -132,11 +130,7 @@ int cli_open_private_dir(const std::string &dir, std::string &why)
         why = dir + ": " + errno_text(errno);
     } else if (!S_ISDIR(st.st_mode)) {
         why = dir + ": not a directory";
-    } else if (st.st_uid != geteuid()) {
-        why = dir + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
-    } else if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-        why = dir + ": writable by its group or by others";
-    } else {
+    } else if (private_to_us(st, dir, why)) {
         return fd;
     }
     close(fd);
@@ -228,14 +222,8 @@ bool cli_startup_read(const std::string &path, std::vector<std::string> &lines, 
         why = path + ": not a regular file";
         return false;
     }
-    if (st.st_uid != geteuid()) {
-        why = path + ": owned by uid " + std::to_string(st.st_uid) + ", not by uid " + std::to_string(geteuid());
+    if (!private_to_us(st, path, why))
         return false;
-    }
-    if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-        why = path + ": writable by its group or by others";
-        return false;
-    }
     if (st.st_size > startup_max_size) {
         why = path + ": larger than " + std::to_string(startup_max_size) + " bytes";
         return false;
@@ -282,7 +270,7 @@ bool cli_startup_write(const std::string &path, const std::string &text, std::st
         why = "cannot create " + tmp + ": " + errno_text(errno);
         return false;
     }
-    bool written = write_all(fd, text) && fsync(fd) == 0;
+    bool written = qn_log_write_all(fd, text.data(), text.size(), nullptr) && fsync(fd) == 0;
     int err = errno;
     if (close(fd) != 0 && written) {
         written = false;

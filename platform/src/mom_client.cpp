@@ -20,6 +20,7 @@
 #include "mom_internal.h"
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
+#include "qn_text_escape.h"
 
 #include <chrono>
 #include <cstdarg>
@@ -202,17 +203,7 @@ void mom_log(const char *module, const char *fmt, ...)
     if (n > 0)
         vsnprintf(text.data(), text.size() + 1, fmt, again);
     va_end(again);
-    std::string line = std::string("qn_mom[") + module + "]: ";
-    for (unsigned char ch : text) {
-        if (ch >= 0x20 && ch < 0x7f && ch != '\\') {
-            line += static_cast<char>(ch);
-        } else {
-            char esc[8];
-            snprintf(esc, sizeof esc, "\\x%02x", ch);
-            line += esc;
-        }
-    }
-    line += '\n';
+    std::string line = std::string("qn_mom[") + module + "]: " + qn_escape_bytes(text) + "\n";
     fputs(line.c_str(), stderr);
     fflush(stderr);
 }

@@ -168,7 +168,8 @@ private:
     };
     bool may_send() const;
     std::deque<entry>::iterator find(uint64_t id);
-    void drop(std::deque<entry>::iterator it);
+    /* Removes a write from the outbox; the iterator to the one after it. */
+    std::deque<entry>::iterator drop(std::deque<entry>::iterator it);
     void answered(uint64_t id, int error, const std::string &why);
     void taken(std::deque<entry>::iterator it);
     void refused(std::deque<entry>::iterator it, const std::string &why);

@@ -87,8 +87,7 @@ void mom_outbox::add(char op, const std::string &key, const std::string &bytes)
         mom_log(module->c_str(), "%s, outbox full (%zu writes, %zu bytes): dropped the oldest, a %s of %s (%llu dropped so far)",
                 transport->up() ? "store refusing writes" : "link down", writes.size(), bytes_held,
                 op_word(oldest->op), oldest->key.c_str(), static_cast<unsigned long long>(counters->dropped_writes));
-        bytes_held -= oldest->bytes.size();
-        writes.erase(oldest);
+        drop(oldest);
     }
     entry w;
     w.id = next_id++;
@@ -151,10 +150,10 @@ std::deque<mom_outbox::entry>::iterator mom_outbox::find(uint64_t id)
     return std::find_if(writes.begin(), writes.end(), [id](const entry &w) { return w.id == id; });
 }
 
-void mom_outbox::drop(std::deque<entry>::iterator it)
+std::deque<mom_outbox::entry>::iterator mom_outbox::drop(std::deque<entry>::iterator it)
 {
     bytes_held -= it->bytes.size();
-    writes.erase(it);
+    return writes.erase(it);
 }
 
 void mom_outbox::answered(uint64_t id, int error, const std::string &why)
@@ -189,8 +188,7 @@ void mom_outbox::taken(std::deque<entry>::iterator it)
     /* Older refused writes of the same record are replaced by this one. */
     for (auto w = writes.begin(); w != writes.end() && w->id < id;) {
         if (w->key == key && w->refused) {
-            bytes_held -= w->bytes.size();
-            w = writes.erase(w);
+            w = drop(w);
         } else {
             ++w;
         }

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 zlog_file_sink::zlog_file_sink(std::string path, uint64_t max_size, unsigned max_files, bool buffered)
@@ -95,9 +94,10 @@ void zlog_file_sink::flush_()
 /* The line that reports the lines lost since the last one that got out. */
 bool zlog_file_sink::write_lost_notice()
 {
-    char text[160];
-    snprintf(text, sizeof text, "LOST  %llu lines could not be written to this file (%s)",
-             static_cast<unsigned long long>(lost_), lost_why_.empty() ? "unknown error" : lost_why_.c_str());
+    /* Sized to the reason, which may start with the file's path: a long
+     * path must not cut the reason off. */
+    std::string text = fmt::format("LOST  {} lines could not be written to this file ({})", lost_,
+                                   lost_why_.empty() ? "unknown error" : lost_why_);
     spdlog::details::log_msg msg(spdlog::source_loc{}, "", spdlog::level::err, text);
     spdlog::memory_buf_t notice;
     if (broken_line_)

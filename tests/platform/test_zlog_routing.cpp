@@ -286,6 +286,22 @@ TEST_F(ZlogRouting, UnwritableEventLogCountsItsLinesAndReportsThemLater)
     EXPECT_EQ(0u, qn_zlog_lines_lost(cat));
 }
 
+TEST_F(ZlogRouting, LostLinesReportKeepsTheWholeReasonOfALongPath)
+{
+    std::string later = dir + "/" + std::string(120, 'd');
+    std::string missing = later + "/events.log";
+    qn_zlog_category_t *cat = open("events_file = " + missing + "\n");
+    ASSERT_NE(nullptr, cat);
+    ZLOG(cat, QN_ZLOG_LEVEL_EVENT, "lost");
+    ASSERT_EQ(0, mkdir(later.c_str(), 0700));
+    ZLOG(cat, QN_ZLOG_LEVEL_EVENT, "kept");
+    std::vector<std::string> l = lines_of(slurp(missing));
+    ASSERT_EQ(2u, l.size()) << slurp(missing);
+    EXPECT_NE(std::string::npos,
+              l[0].find(" LOST  1 lines could not be written to this file (" + missing + ": No such file or directory)"))
+        << l[0];
+}
+
 /* A file system that fills up: the file size limit of a child process makes
  * writes past it fail the way a full disk does. */
 TEST_F(ZlogRouting, FullFileSystemLosesLinesAndTheNextWriteReportsThem)

@@ -4,6 +4,7 @@
 #include "qn_mom.h"
 #include "qn_mom_standin.h"
 #include "qn_platform_config.h"
+#include "qn_text_escape.h"
 #include "qn_thread.h"
 
 #include "proto/p_dev.pb-c.h"
@@ -313,18 +314,7 @@ void print_message(std::string *out, const ProtobufCMessage *m);
  * (and the backslash and the quote) as \xNN. */
 std::string printable(const char *s, size_t len)
 {
-    std::string out;
-    for (size_t i = 0; i < len; ++i) {
-        unsigned char ch = static_cast<unsigned char>(s[i]);
-        if (ch >= 0x20 && ch < 0x7f && ch != '\\' && ch != '"') {
-            out += static_cast<char>(ch);
-        } else {
-            char esc[8];
-            snprintf(esc, sizeof esc, "\\x%02x", ch);
-            out += esc;
-        }
-    }
-    return out;
+    return qn_escape_bytes(std::string_view(s, len), "\"");
 }
 
 void print_value(std::string *out, const ProtobufCFieldDescriptor *f, const void *p)
