@@ -164,7 +164,10 @@ unsigned char on_complete(EditLine *el, int)
     }
     size_t start = typed.find_last_of(" \t");
     std::string partial = start == std::string::npos ? typed : typed.substr(start + 1);
-    if (words.size() == 1) {
+    /* One word completes the partial one in place; a word that does not
+     * extend what was typed is only listed. */
+    if (words.size() == 1 && words[0].size() >= partial.size() &&
+        words[0].compare(0, partial.size(), partial) == 0) {
         std::string rest = words[0].substr(partial.size()) + " ";
         el_insertstr(el, rest.c_str());
         return CC_REFRESH;
