@@ -47,12 +47,13 @@ die() {
 }
 
 # The state directory is ours alone: made with mode 700, never a symlink or
-# somebody else's.
+# somebody else's.  It is checked after it is made, so that nothing put in
+# its place between a check and the mkdir goes unseen.
 own_dir() {
-    if [ -L "$dir" ] || { [ -e "$dir" ] && [ ! -O "$dir" ]; }; then
+    [ -L "$dir" ] || mkdir -p "$dir"
+    if [ -L "$dir" ] || [ ! -O "$dir" ]; then
         die "$dir is a symlink or not owned by $(id -un); choose another CHASSIS_DIR"
     fi
-    mkdir -p "$dir"
     chmod 700 "$dir"
 }
 

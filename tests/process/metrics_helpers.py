@@ -23,13 +23,22 @@ def _status(entry):
     return "Warning" if entry["status"] == "warning" else "Normal"
 
 
-def _io(s, titled):
-    out = "Storage I/O information:\n" if titled else ""
-    out += "-" * 63 + "\n"
+def _head(s, titled, title, dashes, closed, not_ready):
+    """(text, whole) of a section's title and rule; whole when the monitor is
+    closed or not ready and that line ends the section."""
+    out = (title + "\n" if titled else "") + "-" * dashes + "\n"
     if s["state"] == "closed":
-        return out + " Storage I/O monitor is closed.\n\n"
+        return out + closed + "\n\n", True
     if s["state"] == "not_ready":
-        return out + " Storage  I/O is not ready, please wait and try again.\n\n"
+        return out + not_ready + "\n\n", True
+    return out, False
+
+
+def _io(s, titled):
+    out, whole = _head(s, titled, "Storage I/O information:", 63, " Storage I/O monitor is closed.",
+                       " Storage  I/O is not ready, please wait and try again.")
+    if whole:
+        return out
     out += " Device      Read(KB/S)      Write(KB/S)      Util      Status\n"
     for d in s["disks"]:
         out += " %-10s  %9.2f   %14.2f    %6.2f%%%12s\n" % (d["name"], d["read_kb_per_s"], d["write_kb_per_s"],
@@ -47,12 +56,10 @@ def _io(s, titled):
 
 
 def _ro(s, titled):
-    out = "Storage read-only information:\n" if titled else ""
-    out += "-" * 22 + "\n"
-    if s["state"] == "closed":
-        return out + " Storage ro monitor is closed.\n\n"
-    if s["state"] == "not_ready":
-        return out + " Storage ro is not ready, please wait and try again.\n\n"
+    out, whole = _head(s, titled, "Storage read-only information:", 22, " Storage ro monitor is closed.",
+                       " Storage ro is not ready, please wait and try again.")
+    if whole:
+        return out
     out += " Name          Status\n"
     for p in s["partitions"]:
         out += " %-8s     %7s\n" % (p["name"], "R" if p["mode"] == "read-only" else "R/W")
@@ -60,12 +67,10 @@ def _ro(s, titled):
 
 
 def _capacity(s, titled):
-    out = "Storage cpacity information:\n" if titled else ""
-    out += "-" * 62 + "\n"
-    if s["state"] == "closed":
-        return out + " Storage capacity monitor is closed.\n\n"
-    if s["state"] == "not_ready":
-        return out + " Storage capacity is not ready, please wait and try again.\n\n"
+    out, whole = _head(s, titled, "Storage cpacity information:", 62, " Storage capacity monitor is closed.",
+                       " Storage capacity is not ready, please wait and try again.")
+    if whole:
+        return out
     out += " Name       Total(KB)       Used(KB)    Used Rate      Status\n"
     for p in s["partitions"]:
         rate = p["used_percent"] if p["used_percent"] is not None else float("nan")

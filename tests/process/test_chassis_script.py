@@ -3,6 +3,7 @@ redis-server of its own, the master lists all four, and stop leaves no
 process behind."""
 
 import os
+import pwd
 import shutil
 import subprocess
 import unittest
@@ -98,6 +99,18 @@ class ChassisScript(unittest.TestCase):
         code, out, _ = self.script("stop")
         self.assertEqual(code, 0)
         self.assertIn("nothing recorded", out)
+
+    def test_a_state_directory_that_is_a_symlink_is_refused(self):
+        elsewhere = os.path.join(self.tmp.path, "elsewhere")
+        os.mkdir(elsewhere)
+        os.chmod(elsewhere, 0o755)
+        os.symlink(elsewhere, self.dir)
+        code, out, err = self.script("start")
+        self.assertEqual(code, 1, out + err)
+        self.assertEqual(err, "chassis: %s is a symlink or not owned by %s; choose another CHASSIS_DIR\n"
+                         % (self.dir, pwd.getpwuid(os.geteuid()).pw_name))
+        self.assertEqual(os.listdir(elsewhere), [])
+        self.assertEqual(os.stat(elsewhere).st_mode & 0o777, 0o755)
 
     def test_stop_and_status_leave_a_process_alone_whose_start_time_differs(self):
         # A pid recorded once, now another process's: it must not be touched.

@@ -140,7 +140,6 @@ class StartupTest(unittest.TestCase):
         self.assertEqual(status, 78)
         # Registered with HAM before the configuration was read, so withdrawn
         # before the exit: the stop is on purpose.
-        print("notices: %r" % notices)
         self.assertTrue(any(m.startswith("STATUS=") for m in notices), notices)
         self.assertEqual(notices[-1], "STOPPING=1", notices)
 
