@@ -74,9 +74,13 @@ json io_section(const res_mom_node *node)
     return s;
 }
 
-json ro_section(const res_mom_node *node)
+/* The read-only and capacity sections list the same partitions; each keeps
+ * those its own monitor has shown (visible) that still exist, and writes its
+ * own fields for them. */
+template <typename Entry>
+json part_section(int32_t interval, const res_mom_node *node, uint32_t res_mom_part_node::*visible, Entry entry)
 {
-    if (ro_interval == RES_MON_CLOSED)
+    if (interval == RES_MON_CLOSED)
         return section_state("closed");
     if (res_list_empty(&node->part_list))
         return section_state("not_ready");
@@ -84,42 +88,35 @@ json ro_section(const res_mom_node *node)
     json parts = json::array();
     for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
         const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
-        if (!p->ro_visible || !p->exist)
+        if (!(p->*visible) || !p->exist)
             continue;
         json e = json::object();
         e["name"] = text_of(p->part_uname, sizeof p->part_uname);
-        e["mode"] = p->ro_flag >= RES_HEALTH_WARNING ? "read-only" : "read-write";
+        entry(e, p);
         parts.push_back(std::move(e));
     }
     s["partitions"] = std::move(parts);
     return s;
 }
 
+json ro_section(const res_mom_node *node)
+{
+    return part_section(ro_interval, node, &res_mom_part_node::ro_visible, [](json &e, const res_mom_part_node *p) {
+        e["mode"] = p->ro_flag >= RES_HEALTH_WARNING ? "read-only" : "read-write";
+    });
+}
+
 json capacity_section(const res_mom_node *node)
 {
-    if (cap_interval == RES_MON_CLOSED)
-        return section_state("closed");
-    if (res_list_empty(&node->part_list))
-        return section_state("not_ready");
-    json s = section_state("ready");
-    json parts = json::array();
-    for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
-        const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
-        if (!p->vol_visible || !p->exist)
-            continue;
+    return part_section(cap_interval, node, &res_mom_part_node::vol_visible, [](json &e, const res_mom_part_node *p) {
         /* The same figure as the text's "Used Rate" before rounding; a zero
          * total gives NaN, which the library writes as null. */
         float ratio = static_cast<float>(p->use_vol) / static_cast<float>(p->total_vol);
-        json e = json::object();
-        e["name"] = text_of(p->part_uname, sizeof p->part_uname);
         e["total_kb"] = p->total_vol;
         e["used_kb"] = p->use_vol;
         e["used_percent"] = static_cast<double>(ratio) * 100.0;
         e["status"] = status_word(p->vol_flag == RES_HEALTH_WARNING);
-        parts.push_back(std::move(e));
-    }
-    s["partitions"] = std::move(parts);
-    return s;
+    });
 }
 
 json lifetime_section(const res_mom_node *node)
