@@ -5,6 +5,7 @@
  * seconds, ratios of 0 to 1), except the lifetime, which the devices report
  * and the threshold counts in months. */
 #include "mom/res_mom_metrics.h"
+#include "misc/res_escape.h"
 #include "misc/res_health.h"
 #include "cli/res_cli_show.h"
 #include "misc/res_zlog.h"
@@ -264,38 +265,6 @@ int render_cb(struct qn_metrics_out *out, void *)
     return qn_metrics_write(out, text.data(), text.size());
 }
 
-/* Length of the well-formed UTF-8 sequence at s (at most n bytes), or 0. */
-size_t utf8_sequence(const unsigned char *s, size_t n)
-{
-    unsigned char c = s[0];
-    if (c < 0x80)
-        return 1;
-    size_t len;
-    unsigned char lo = 0x80, hi = 0xBF; /* allowed range of the second byte */
-    if (c >= 0xC2 && c <= 0xDF)
-        len = 2;
-    else if (c >= 0xE0 && c <= 0xEF) {
-        len = 3;
-        if (c == 0xE0)
-            lo = 0xA0; /* no overlong forms */
-        else if (c == 0xED)
-            hi = 0x9F; /* no surrogates */
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        len = 4;
-        if (c == 0xF0)
-            lo = 0x90;
-        else if (c == 0xF4)
-            hi = 0x8F; /* nothing above U+10FFFF */
-    } else
-        return 0;
-    if (n < len || s[1] < lo || s[1] > hi)
-        return 0;
-    for (size_t i = 2; i < len; ++i)
-        if (s[i] < 0x80 || s[i] > 0xBF)
-            return 0;
-    return len;
-}
-
 } // namespace
 
 std::string res_mom_metrics_label_value(const char *text, size_t size)
@@ -306,7 +275,7 @@ std::string res_mom_metrics_label_value(const char *text, size_t size)
     size_t n = strnlen(text, size);
     const auto *s = reinterpret_cast<const unsigned char *>(text);
     for (size_t i = 0; i < n;) {
-        size_t len = utf8_sequence(s + i, n - i);
+        size_t len = res_utf8_len(s + i, n - i);
         if (len == 0) {
             out += "\xEF\xBF\xBD"; /* U+FFFD for a byte that starts no character */
             ++i;
