@@ -9,8 +9,6 @@
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
 
-#include "qn_ndm.h"
-
 #include <nlohmann/json.hpp>
 
 #include <cstring>
@@ -145,13 +143,10 @@ json lifetime_section(const res_mom_node *node)
 json node_doc(const res_mom_node *node, int32_t item, uint64_t now_ms)
 {
     bool all = item == RES_SHOW_ALL;
-    char slot_name[32] = {0};
-    char card_name[32] = {0};
-    ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
-    ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
+    const res_mom_node_names names = res_mom_node_names_of(node);
     json n = json::object();
-    n["slot"] = text_of(slot_name, sizeof slot_name);
-    n["card"] = text_of(card_name, sizeof card_name);
+    n["slot"] = text_of(names.slot, sizeof names.slot);
+    n["card"] = text_of(names.card, sizeof names.card);
     n["index"] = {{"devid", node->devid}, {"slotid", node->slotid}, {"sslotid", node->sslotid}};
     n["user_slot"] = node->user_slot;
     json ages = json::object();

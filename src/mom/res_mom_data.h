@@ -149,6 +149,14 @@ int res_mom_clear_node_by_index(const int32_t *index);
 /* Fills a record's index with the local node's identity (t_extend stays 0). */
 void res_mom_fill_local_index(PUtils__Nodeindex *index);
 
+/* The names the device manager shows for a node: its slot and the card in
+ * it (empty when it knows none), as the outputs print them. */
+struct res_mom_node_names {
+    char slot[RES_MOM_NAME_LEN];
+    char card[RES_MOM_NAME_LEN];
+};
+struct res_mom_node_names res_mom_node_names_of(const struct res_mom_node *node);
+
 /* After a record is saved: frees the entries that it did not mark as seen and
  * clears the mark on the others. */
 template <typename T> void res_mom_sweep_seen(struct res_list_head *list)

@@ -15,7 +15,6 @@
 #include "mon/res_mon_main.h"
 
 #include "qn_metrics.h"
-#include "qn_ndm.h"
 
 #include <charconv>
 #include <cmath>
@@ -235,14 +234,11 @@ void lifetime_figures(exposition &x, const res_mom_node *node, const std::string
 
 void node_figures(exposition &x, const res_mom_node *node, uint64_t now_ms)
 {
-    char slot_name[32] = {0};
-    char card_name[32] = {0};
-    ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
-    ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
-    std::string slot = res_mom_metrics_label_value(slot_name, sizeof slot_name);
+    const res_mom_node_names names = res_mom_node_names_of(node);
+    std::string slot = res_mom_metrics_label_value(names.slot, sizeof names.slot);
     labels node_labels;
     node_labels.add("slot", slot);
-    x.sample(F_NODE_INFO, labels(node_labels).add("card", card_name, sizeof card_name), 1);
+    x.sample(F_NODE_INFO, labels(node_labels).add("card", names.card, sizeof names.card), 1);
     x.sample(F_NODE_STALE, node_labels, node->stale != 0);
     for (int k = 0; k < RES_MOM_REC_KIND_NUM; ++k) {
         auto kind = static_cast<res_mom_rec_kind>(k);
