@@ -12,10 +12,6 @@
 struct res_mom_node res_local_node;
 struct res_list_head res_node_list = {&res_node_list, &res_node_list};
 
-namespace {
-
-bool res_mom_data_ready = false;
-
 void res_mom_node_lists_init(struct res_mom_node *node)
 {
     res_list_init(&node->disk_io_list);
@@ -31,6 +27,10 @@ void res_mom_node_lists_clear(struct res_mom_node *node)
     res_mom_clear_part_list(&node->part_list);
     res_mom_clear_lifetime_list(&node->lifetime_list);
 }
+
+namespace {
+
+bool res_mom_data_ready = false;
 
 bool res_mom_same_index(const struct res_mom_node *node, const int32_t *index)
 {

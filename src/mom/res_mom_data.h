@@ -140,6 +140,10 @@ extern struct res_mom_node res_local_node;
 extern struct res_list_head res_node_list;
 
 int res_mom_data_init(void);
+/* Empties a node's four entry lists (disk I/O, process I/O, partitions,
+ * lifetimes): init for a node not yet set up, clear to free the entries. */
+void res_mom_node_lists_init(struct res_mom_node *node);
+void res_mom_node_lists_clear(struct res_mom_node *node);
 struct res_mom_node *res_mom_malloc_node_init(void);
 int res_mom_add_node_info_list(struct res_mom_node *node);
 /* index: device id, slot id, sub-slot id. */

@@ -313,7 +313,7 @@ std::string res_mom_metrics_render(uint64_t now_ms)
     res_mom_metrics_local_fill(&local);
     res_list_add_tail(&local.list, &one);
     std::string text = res_mom_metrics_render_nodes(&one, now_ms);
-    res_mom_metrics_local_clear(&local);
+    res_mom_node_lists_clear(&local);
     return text;
 }
 
