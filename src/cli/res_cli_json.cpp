@@ -2,7 +2,7 @@
  * manager and may hold any byte: they reach the document only through the
  * JSON library, which escapes quotes, backslashes and control bytes and
  * replaces bytes that are not UTF-8 with U+FFFD, so the document always
- * parses. */
+ * parses; the C1 controls it leaves as they are get escaped here. */
 #include "cli/res_cli_json.h"
 #include "misc/res_health.h"
 #include "mom/res_mom_age.h"
@@ -140,6 +140,29 @@ json lifetime_section(const res_mom_node *node)
     return s;
 }
 
+/* The library writes U+0080-U+009F as they are; a terminal may take them for
+ * C1 controls (U+009B starts a control sequence), so they go out as \u
+ * escapes, which read back as the same text.  The document is well-formed
+ * UTF-8, so a byte c2 always starts a character. */
+std::string c1_escaped(const std::string &doc)
+{
+    std::string out;
+    out.reserve(doc.size());
+    for (size_t i = 0; i < doc.size(); ++i) {
+        auto next = i + 1 < doc.size() ? static_cast<unsigned char>(doc[i + 1]) : 0u;
+        if (static_cast<unsigned char>(doc[i]) == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            static const char hex[] = "0123456789abcdef";
+            out += "\\u00";
+            out += hex[next >> 4];
+            out += hex[next & 0xf];
+            ++i;
+            continue;
+        }
+        out += doc[i];
+    }
+    return out;
+}
+
 json node_doc(const res_mom_node *node, int32_t item, uint64_t now_ms)
 {
     bool all = item == RES_SHOW_ALL;
@@ -182,7 +205,7 @@ std::string res_cli_json_storage(int32_t item, uint64_t now_ms)
         for (const res_list_head *pos = res_node_list.next; pos != &res_node_list; pos = pos->next)
             doc.push_back(node_doc(res_list_entry(pos, const res_mom_node, list), item, now_ms));
     }
-    return doc.dump(-1, ' ', false, json::error_handler_t::replace);
+    return c1_escaped(doc.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 int res_cli_show_storage_json(int32_t item, res_cli_printer print)
