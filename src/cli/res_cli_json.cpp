@@ -2,14 +2,12 @@
  * manager and may hold any byte: they reach the document only through the
  * JSON library, which escapes quotes, backslashes and control bytes and
  * replaces bytes that are not UTF-8 with U+FFFD, so the document always
- * parses. */
+ * parses; the C1 controls it leaves as they are get escaped here. */
 #include "cli/res_cli_json.h"
 #include "misc/res_health.h"
 #include "mom/res_mom_age.h"
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
-
-#include "qn_ndm.h"
 
 #include <nlohmann/json.hpp>
 
@@ -74,9 +72,13 @@ json io_section(const res_mom_node *node)
     return s;
 }
 
-json ro_section(const res_mom_node *node)
+/* The read-only and capacity sections list the same partitions; each keeps
+ * those its own monitor has shown (visible) that still exist, and writes its
+ * own fields for them. */
+template <typename Entry>
+json part_section(int32_t interval, const res_mom_node *node, uint32_t res_mom_part_node::*visible, Entry entry)
 {
-    if (ro_interval == RES_MON_CLOSED)
+    if (interval == RES_MON_CLOSED)
         return section_state("closed");
     if (res_list_empty(&node->part_list))
         return section_state("not_ready");
@@ -84,42 +86,35 @@ json ro_section(const res_mom_node *node)
     json parts = json::array();
     for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
         const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
-        if (!p->ro_visible || !p->exist)
+        if (!(p->*visible) || !p->exist)
             continue;
         json e = json::object();
         e["name"] = text_of(p->part_uname, sizeof p->part_uname);
-        e["mode"] = p->ro_flag >= RES_HEALTH_WARNING ? "read-only" : "read-write";
+        entry(e, p);
         parts.push_back(std::move(e));
     }
     s["partitions"] = std::move(parts);
     return s;
 }
 
+json ro_section(const res_mom_node *node)
+{
+    return part_section(ro_interval, node, &res_mom_part_node::ro_visible, [](json &e, const res_mom_part_node *p) {
+        e["mode"] = p->ro_flag >= RES_HEALTH_WARNING ? "read-only" : "read-write";
+    });
+}
+
 json capacity_section(const res_mom_node *node)
 {
-    if (cap_interval == RES_MON_CLOSED)
-        return section_state("closed");
-    if (res_list_empty(&node->part_list))
-        return section_state("not_ready");
-    json s = section_state("ready");
-    json parts = json::array();
-    for (const res_list_head *pos = node->part_list.next; pos != &node->part_list; pos = pos->next) {
-        const res_mom_part_node *p = res_list_entry(pos, const res_mom_part_node, list);
-        if (!p->vol_visible || !p->exist)
-            continue;
+    return part_section(cap_interval, node, &res_mom_part_node::vol_visible, [](json &e, const res_mom_part_node *p) {
         /* The same figure as the text's "Used Rate" before rounding; a zero
          * total gives NaN, which the library writes as null. */
         float ratio = static_cast<float>(p->use_vol) / static_cast<float>(p->total_vol);
-        json e = json::object();
-        e["name"] = text_of(p->part_uname, sizeof p->part_uname);
         e["total_kb"] = p->total_vol;
         e["used_kb"] = p->use_vol;
         e["used_percent"] = static_cast<double>(ratio) * 100.0;
         e["status"] = status_word(p->vol_flag == RES_HEALTH_WARNING);
-        parts.push_back(std::move(e));
-    }
-    s["partitions"] = std::move(parts);
-    return s;
+    });
 }
 
 json lifetime_section(const res_mom_node *node)
@@ -145,16 +140,36 @@ json lifetime_section(const res_mom_node *node)
     return s;
 }
 
+/* The library writes U+0080-U+009F as they are; a terminal may take them for
+ * C1 controls (U+009B starts a control sequence), so they go out as \u
+ * escapes, which read back as the same text.  The document is well-formed
+ * UTF-8, so a byte c2 always starts a character. */
+std::string c1_escaped(const std::string &doc)
+{
+    std::string out;
+    out.reserve(doc.size());
+    for (size_t i = 0; i < doc.size(); ++i) {
+        auto next = i + 1 < doc.size() ? static_cast<unsigned char>(doc[i + 1]) : 0u;
+        if (static_cast<unsigned char>(doc[i]) == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            static const char hex[] = "0123456789abcdef";
+            out += "\\u00";
+            out += hex[next >> 4];
+            out += hex[next & 0xf];
+            ++i;
+            continue;
+        }
+        out += doc[i];
+    }
+    return out;
+}
+
 json node_doc(const res_mom_node *node, int32_t item, uint64_t now_ms)
 {
     bool all = item == RES_SHOW_ALL;
-    char slot_name[32] = {0};
-    char card_name[32] = {0};
-    ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
-    ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
+    const res_mom_node_names names = res_mom_node_names_of(node);
     json n = json::object();
-    n["slot"] = text_of(slot_name, sizeof slot_name);
-    n["card"] = text_of(card_name, sizeof card_name);
+    n["slot"] = text_of(names.slot, sizeof names.slot);
+    n["card"] = text_of(names.card, sizeof names.card);
     n["index"] = {{"devid", node->devid}, {"slotid", node->slotid}, {"sslotid", node->sslotid}};
     n["user_slot"] = node->user_slot;
     json ages = json::object();
@@ -190,7 +205,7 @@ std::string res_cli_json_storage(int32_t item, uint64_t now_ms)
         for (const res_list_head *pos = res_node_list.next; pos != &res_node_list; pos = pos->next)
             doc.push_back(node_doc(res_list_entry(pos, const res_mom_node, list), item, now_ms));
     }
-    return doc.dump(-1, ' ', false, json::error_handler_t::replace);
+    return c1_escaped(doc.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
 int res_cli_show_storage_json(int32_t item, res_cli_printer print)

@@ -6,8 +6,6 @@
 #include "mon/res_mon_main.h"
 #include "res_main.h"
 
-#include "qn_ndm.h"
-
 #include <unistd.h>
 
 #include <string>
@@ -153,12 +151,9 @@ int res_cli_show_storage(int32_t item, res_cli_printer print)
     bool all = item == RES_SHOW_ALL;
     for (const res_list_head *pos = res_node_list.next; pos != &res_node_list; pos = pos->next) {
         const res_mom_node *node = res_list_entry(pos, const res_mom_node, list);
-        char slot_name[32] = {0};
-        char card_name[32] = {0};
-        ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
-        ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
+        const res_mom_node_names names = res_mom_node_names_of(node);
         print("===============================================\n");
-        print("[%s : %s]\n\n", shown(slot_name).c_str(), shown(card_name).c_str());
+        print("[%s : %s]\n\n", shown(names.slot).c_str(), shown(names.card).c_str());
         if (all || item == RES_SHOW_IO)
             show_io(node, all, print);
         if (all || item == RES_SHOW_RO)

@@ -2,13 +2,13 @@
 
 #include <cstring>
 
-size_t res_escape_kept_len(const unsigned char *p, size_t left)
+size_t res_utf8_len(const unsigned char *p, size_t left)
 {
     if (left == 0)
         return 0;
     unsigned char c = p[0];
     if (c < 0x80)
-        return c < 0x20 || c == 0x7f ? 0 : 1;
+        return 1;
     /* The lead byte gives the length and the range its first continuation
      * byte may take (RFC 3629): no overlong forms, no surrogates, nothing
      * above U+10FFFF. */
@@ -36,8 +36,19 @@ size_t res_escape_kept_len(const unsigned char *p, size_t left)
     for (size_t i = 2; i < len; ++i)
         if (p[i] < 0x80 || p[i] > 0xbf)
             return 0;
+    return len;
+}
+
+size_t res_escape_kept_len(const unsigned char *p, size_t left)
+{
+    size_t len = res_utf8_len(p, left);
+    if (len == 0)
+        return 0;
+    /* C0 controls and DEL. */
+    if (p[0] < 0x20 || p[0] == 0x7f)
+        return 0;
     /* U+0080-U+009F: the C1 controls. */
-    if (c == 0xc2 && p[1] <= 0x9f)
+    if (p[0] == 0xc2 && p[1] <= 0x9f)
         return 0;
     return len;
 }

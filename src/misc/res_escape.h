@@ -16,6 +16,10 @@
 
 #include <string>
 
+/* Length of the well-formed UTF-8 sequence at `p` (of `left` bytes; ASCII,
+ * controls included, is one byte), or 0 when the byte at `p` starts none. */
+size_t res_utf8_len(const unsigned char *p, size_t left);
+
 /* How many bytes at `p` (of `left` bytes) are kept as they are: the length
  * of one printable ASCII character or well-formed UTF-8 sequence of a
  * character that is not a control, or 0 when the byte at `p` is escaped. */

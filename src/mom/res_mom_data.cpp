@@ -2,6 +2,8 @@
 #include "mom/res_mom_data.h"
 #include "misc/res_zlog.h"
 
+#include "qn_ndm.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,10 +11,6 @@
 
 struct res_mom_node res_local_node;
 struct res_list_head res_node_list = {&res_node_list, &res_node_list};
-
-namespace {
-
-bool res_mom_data_ready = false;
 
 void res_mom_node_lists_init(struct res_mom_node *node)
 {
@@ -29,6 +27,10 @@ void res_mom_node_lists_clear(struct res_mom_node *node)
     res_mom_clear_part_list(&node->part_list);
     res_mom_clear_lifetime_list(&node->lifetime_list);
 }
+
+namespace {
+
+bool res_mom_data_ready = false;
 
 bool res_mom_same_index(const struct res_mom_node *node, const int32_t *index)
 {
@@ -240,6 +242,14 @@ void res_mom_fill_local_index(PUtils__Nodeindex *index)
     index->t_devid = res_local_node.devid;
     index->t_slotid = res_local_node.slotid;
     index->t_sslotid = res_local_node.sslotid;
+}
+
+struct res_mom_node_names res_mom_node_names_of(const struct res_mom_node *node)
+{
+    struct res_mom_node_names names = {};
+    ndm_get_user_slot_name(node->devid, node->user_slot, 0, names.slot, sizeof names.slot);
+    ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, names.card, sizeof names.card);
+    return names;
 }
 
 struct res_mom_disk_io_node *res_mom_get_disk_io_node_by_name(struct res_list_head *list, const char *name,

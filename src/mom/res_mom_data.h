@@ -140,6 +140,10 @@ extern struct res_mom_node res_local_node;
 extern struct res_list_head res_node_list;
 
 int res_mom_data_init(void);
+/* Empties a node's four entry lists (disk I/O, process I/O, partitions,
+ * lifetimes): init for a node not yet set up, clear to free the entries. */
+void res_mom_node_lists_init(struct res_mom_node *node);
+void res_mom_node_lists_clear(struct res_mom_node *node);
 struct res_mom_node *res_mom_malloc_node_init(void);
 int res_mom_add_node_info_list(struct res_mom_node *node);
 /* index: device id, slot id, sub-slot id. */
@@ -148,6 +152,14 @@ struct res_mom_node *res_mom_get_node_by_index(const PUtils__Nodeindex *index);
 int res_mom_clear_node_by_index(const int32_t *index);
 /* Fills a record's index with the local node's identity (t_extend stays 0). */
 void res_mom_fill_local_index(PUtils__Nodeindex *index);
+
+/* The names the device manager shows for a node: its slot and the card in
+ * it (empty when it knows none), as the outputs print them. */
+struct res_mom_node_names {
+    char slot[RES_MOM_NAME_LEN];
+    char card[RES_MOM_NAME_LEN];
+};
+struct res_mom_node_names res_mom_node_names_of(const struct res_mom_node *node);
 
 /* After a record is saved: frees the entries that it did not mark as seen and
  * clears the mark on the others. */

@@ -5,6 +5,7 @@
  * seconds, ratios of 0 to 1), except the lifetime, which the devices report
  * and the threshold counts in months. */
 #include "mom/res_mom_metrics.h"
+#include "misc/res_escape.h"
 #include "misc/res_health.h"
 #include "cli/res_cli_show.h"
 #include "misc/res_zlog.h"
@@ -14,7 +15,6 @@
 #include "mon/res_mon_main.h"
 
 #include "qn_metrics.h"
-#include "qn_ndm.h"
 
 #include <charconv>
 #include <cmath>
@@ -234,14 +234,11 @@ void lifetime_figures(exposition &x, const res_mom_node *node, const std::string
 
 void node_figures(exposition &x, const res_mom_node *node, uint64_t now_ms)
 {
-    char slot_name[32] = {0};
-    char card_name[32] = {0};
-    ndm_get_user_slot_name(node->devid, node->user_slot, 0, slot_name, sizeof slot_name);
-    ndm_get_card_name_by_slot(node->devid, node->user_slot, 0, card_name, sizeof card_name);
-    std::string slot = res_mom_metrics_label_value(slot_name, sizeof slot_name);
+    const res_mom_node_names names = res_mom_node_names_of(node);
+    std::string slot = res_mom_metrics_label_value(names.slot, sizeof names.slot);
     labels node_labels;
     node_labels.add("slot", slot);
-    x.sample(F_NODE_INFO, labels(node_labels).add("card", card_name, sizeof card_name), 1);
+    x.sample(F_NODE_INFO, labels(node_labels).add("card", names.card, sizeof names.card), 1);
     x.sample(F_NODE_STALE, node_labels, node->stale != 0);
     for (int k = 0; k < RES_MOM_REC_KIND_NUM; ++k) {
         auto kind = static_cast<res_mom_rec_kind>(k);
@@ -264,38 +261,6 @@ int render_cb(struct qn_metrics_out *out, void *)
     return qn_metrics_write(out, text.data(), text.size());
 }
 
-/* Length of the well-formed UTF-8 sequence at s (at most n bytes), or 0. */
-size_t utf8_sequence(const unsigned char *s, size_t n)
-{
-    unsigned char c = s[0];
-    if (c < 0x80)
-        return 1;
-    size_t len;
-    unsigned char lo = 0x80, hi = 0xBF; /* allowed range of the second byte */
-    if (c >= 0xC2 && c <= 0xDF)
-        len = 2;
-    else if (c >= 0xE0 && c <= 0xEF) {
-        len = 3;
-        if (c == 0xE0)
-            lo = 0xA0; /* no overlong forms */
-        else if (c == 0xED)
-            hi = 0x9F; /* no surrogates */
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        len = 4;
-        if (c == 0xF0)
-            lo = 0x90;
-        else if (c == 0xF4)
-            hi = 0x8F; /* nothing above U+10FFFF */
-    } else
-        return 0;
-    if (n < len || s[1] < lo || s[1] > hi)
-        return 0;
-    for (size_t i = 2; i < len; ++i)
-        if (s[i] < 0x80 || s[i] > 0xBF)
-            return 0;
-    return len;
-}
-
 } // namespace
 
 std::string res_mom_metrics_label_value(const char *text, size_t size)
@@ -306,7 +271,7 @@ std::string res_mom_metrics_label_value(const char *text, size_t size)
     size_t n = strnlen(text, size);
     const auto *s = reinterpret_cast<const unsigned char *>(text);
     for (size_t i = 0; i < n;) {
-        size_t len = utf8_sequence(s + i, n - i);
+        size_t len = res_utf8_len(s + i, n - i);
         if (len == 0) {
             out += "\xEF\xBF\xBD"; /* U+FFFD for a byte that starts no character */
             ++i;
@@ -348,7 +313,7 @@ std::string res_mom_metrics_render(uint64_t now_ms)
     res_mom_metrics_local_fill(&local);
     res_list_add_tail(&local.list, &one);
     std::string text = res_mom_metrics_render_nodes(&one, now_ms);
-    res_mom_metrics_local_clear(&local);
+    res_mom_node_lists_clear(&local);
     return text;
 }
 

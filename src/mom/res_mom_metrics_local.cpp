@@ -16,10 +16,7 @@ int res_mom_metrics_local_fill(struct res_mom_node *node)
     node->sslotid = res_local_node.sslotid;
     node->user_slot = res_local_node.user_slot;
     node->role = res_local_node.role;
-    res_list_init(&node->disk_io_list);
-    res_list_init(&node->proc_io_list);
-    res_list_init(&node->part_list);
-    res_list_init(&node->lifetime_list);
+    res_mom_node_lists_init(node);
     res_list_init(&node->list);
     for (struct io_device *d = io_device_list; d; d = d->next) {
         if (!(d->exist && d->is_disk == 1))
@@ -65,12 +62,4 @@ int res_mom_metrics_local_fill(struct res_mom_node *node)
             return -1;
     }
     return 0;
-}
-
-void res_mom_metrics_local_clear(struct res_mom_node *node)
-{
-    res_mom_clear_proc_io_list(&node->proc_io_list);
-    res_mom_clear_disk_io_list(&node->disk_io_list);
-    res_mom_clear_part_list(&node->part_list);
-    res_mom_clear_lifetime_list(&node->lifetime_list);
 }

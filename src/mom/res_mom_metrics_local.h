@@ -8,8 +8,7 @@
 /* Fills `node` (its identity copied from the local node) with the monitors'
  * current disk I/O, partition and lifetime tables.  0, or -1 when an entry
  * cannot be allocated (what was filled stays valid).  Free with
- * res_mom_metrics_local_clear(). */
+ * res_mom_node_lists_clear(). */
 int res_mom_metrics_local_fill(struct res_mom_node *node);
-void res_mom_metrics_local_clear(struct res_mom_node *node);
 
 #endif

@@ -140,21 +140,11 @@ void res_mom_stale_link_back(void)
     res_mom_stale_restart();
 }
 
-int res_mom_stale_timer_func(struct qn_thread *)
-{
-    res_mom_stale_tick();
-    if (qn_thread_insert_timer(res_mom_master, &res_mom_stale_thread, res_mom_stale_timer_func, nullptr, 1,
-                               RES_MOM_STALE_TIMER_NAME) < 0) {
-        RES_ERR("insert %s thread failed.", RES_MOM_STALE_TIMER_NAME);
-        return -1;
-    }
-    return 0;
-}
+namespace {
 
-int res_mom_stale_start(void)
+/* Arms the tick one timer second from now on the bus side's loop. */
+int res_mom_stale_arm(void)
 {
-    if (res_mom_stale_thread.state & QN_THREAD_SCHEDULED)
-        return 0;
     if (!res_mom_master ||
         qn_thread_insert_timer(res_mom_master, &res_mom_stale_thread, res_mom_stale_timer_func, nullptr, 1,
                                RES_MOM_STALE_TIMER_NAME) < 0) {
@@ -162,6 +152,21 @@ int res_mom_stale_start(void)
         return -1;
     }
     return 0;
+}
+
+} // namespace
+
+int res_mom_stale_timer_func(struct qn_thread *)
+{
+    res_mom_stale_tick();
+    return res_mom_stale_arm();
+}
+
+int res_mom_stale_start(void)
+{
+    if (res_mom_stale_thread.state & QN_THREAD_SCHEDULED)
+        return 0;
+    return res_mom_stale_arm();
 }
 
 void res_mom_stale_stop(void)

@@ -120,6 +120,22 @@ TEST_F(ShowJson, OddNamesAreEscapedAndInvalidUtf8Replaced)
     EXPECT_EQ("a\"b\\c\nd\te\x7f", parsed[0]["io"]["disks"][0]["name"].get<std::string>());
 }
 
+TEST_F(ShowJson, C1ControlsAreEscapedAndReadBackTheSame)
+{
+    /* U+009B is CSI to a terminal that reads C1 controls; U+00A0 and "é"
+     * are ordinary characters and stay as they are. */
+    res_mom_disk_io_node d = store_disk("a\xc2\x9b" "31m\xc2\x80\xc2\x9f\xc2\xa0\xc3\xa9", 0, 0, 0, 0);
+    ASSERT_EQ(0, res_mom_add_node_disk_io_list(&d, &res_local_node.disk_io_list));
+    std::string doc = res_cli_json_storage(RES_SHOW_IO, 0);
+    EXPECT_NE(std::string::npos, doc.find(R"({"name":"a\u009b31m\u0080\u009f)"
+                                          "\xc2\xa0\xc3\xa9"
+                                          R"(","read_kb_per_s")"))
+        << doc;
+    EXPECT_EQ(std::string::npos, doc.find("\xc2\x9b")) << doc;
+    nlohmann::json parsed = nlohmann::json::parse(doc);
+    EXPECT_EQ("a\xc2\x9b" "31m\xc2\x80\xc2\x9f\xc2\xa0\xc3\xa9", parsed[0]["io"]["disks"][0]["name"].get<std::string>());
+}
+
 TEST_F(ShowJson, NameFillingItsBufferIsReadToItsEndOnly)
 {
     res_mom_disk_io_node d = store_disk("x", 0, 0, 0, 0);

@@ -3,6 +3,7 @@
 #include "cli/res_cli_show.h"
 #include "misc/res_escape.h"
 #include "misc/res_zlog.h"
+#include "log_files_test.h"
 #include "mom/res_mom_data.h"
 #include "mon/res_mon_main.h"
 #include "qn_platform_config.h"
@@ -239,29 +240,8 @@ TEST(Escape, OneFinalNewlineMayBeKept)
 }
 
 /* Both log channels and the event lines into files. */
-class EscapedLines : public ::testing::Test {
+class EscapedLines : public LogFilesTest {
   protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/stovig-esc-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir = tmpl;
-        std::ofstream(dir + "/cfg.ini") << "[log]\nfile = " << dir << "/zlog.log\nsyslog_file = " << dir
-                                       << "/syslog.log\nevents_file = " << dir << "/events.log\n";
-        setenv("STOVIG_CONFIG", (dir + "/cfg.ini").c_str(), 1);
-        qn_platform_config_reload();
-        saved_level = res_dbg_level;
-        saved_handle = res_zlog_handle;
-        ASSERT_EQ(0, res_zlog_init());
-    }
-    void TearDown() override
-    {
-        res_dbg_level = saved_level;
-        res_zlog_handle = saved_handle;
-        unsetenv("STOVIG_CONFIG");
-        qn_platform_config_reload();
-        std::system(("rm -rf " + dir).c_str());
-    }
     /* Every line written so far, wherever the log library put it. */
     std::string all_lines()
     {
@@ -277,9 +257,6 @@ class EscapedLines : public ::testing::Test {
                 ++n;
         return n;
     }
-    std::string dir;
-    uint32_t saved_level;
-    qn_zlog_category_t *saved_handle;
 };
 
 TEST_F(EscapedLines, LogArgumentsCannotStartALine)

@@ -1,6 +1,7 @@
 /* The age of each node's data: saving a record notes its kind on the node it
  * names, and the age counts from there. */
 #include "node_store.h"
+#include "node_store_test.h"
 
 #include "mom/res_mom_age.h"
 #include "mom/res_mom_data.h"
@@ -13,22 +14,19 @@
 
 namespace {
 
-class MomAgeTest : public ::testing::Test {
+class MomAgeTest : public NodeStoreTest {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(res_mom_data_init(), 0);
-        res_local_node.devid = 0;
-        res_local_node.slotid = 1;
-        res_local_node.sslotid = 0;
+        NodeStoreTest::SetUp();
+        if (HasFatalFailure())
+            return;
         card = add_node(0, 5, 3);
         ASSERT_NE(card, nullptr);
         idx.t_devid = 0;
         idx.t_slotid = 5;
         idx.t_sslotid = 0;
     }
-    void TearDown() override { res_mom_data_init(); }
-
     struct res_mom_node *card = nullptr;
     PUtils__Nodeindex idx = P_UTILS__NODEINDEX__INIT;
 };

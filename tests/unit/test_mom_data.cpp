@@ -1,5 +1,6 @@
 /* The per-node store: order, lookups, removal and the entry lists. */
 #include "node_store.h"
+#include "node_store_test.h"
 #include "test_mom_helpers.h"
 
 #include "mom/res_mom_data.h"
@@ -13,20 +14,7 @@
 
 namespace {
 
-class MomDataTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(res_mom_data_init(), 0);
-        res_local_node.devid = 0;
-        res_local_node.slotid = 1;
-        res_local_node.sslotid = 0;
-        res_local_node.user_slot = 5;
-    }
-    void TearDown() override { res_mom_data_init(); }
-
-    struct res_mom_node *add(int32_t devid, int32_t slot, int32_t user_slot) { return add_node(devid, slot, user_slot); }
-};
+using MomDataTest = NodeStoreTest;
 
 TEST_F(MomDataTest, InitLeavesOnlyTheLocalNodeWithUnsetIdentity)
 {
@@ -59,16 +47,16 @@ TEST_F(MomDataTest, NewNodeHasUnsetIdentityAndEmptyLists)
 TEST_F(MomDataTest, NodesGoAfterLocalByAscendingUserSlot)
 {
     log_capture log;
-    struct res_mom_node *n3 = add(0, 13, 3);
+    struct res_mom_node *n3 = add_node(0, 13, 3);
     EXPECT_TRUE(log.has("only master node exist, add tail."));
-    struct res_mom_node *n1 = add(0, 11, 1);
-    struct res_mom_node *n2 = add(0, 12, 2);
+    struct res_mom_node *n1 = add_node(0, 11, 1);
+    struct res_mom_node *n2 = add_node(0, 12, 2);
     EXPECT_EQ(nodes(), (std::vector<struct res_mom_node *>{&res_local_node, n1, n2, n3}));
     char between[128];
     snprintf(between, sizeof between, "add new[%p] between [%p] and [%p]", static_cast<void *>(&n2->list),
              static_cast<void *>(&n1->list), static_cast<void *>(&n3->list));
     EXPECT_TRUE(log.has(between)) << log.text();
-    struct res_mom_node *n4 = add(0, 14, 4);
+    struct res_mom_node *n4 = add_node(0, 14, 4);
     EXPECT_TRUE(log.has("loop to list tail, add tail."));
     EXPECT_TRUE(log.has("local_list now: [0,1,0 uslot 5] [0,11,0 uslot 1] [0,12,0 uslot 2] [0,13,0 uslot 3] "
                         "[0,14,0 uslot 4]"))
@@ -78,22 +66,22 @@ TEST_F(MomDataTest, NodesGoAfterLocalByAscendingUserSlot)
 
 TEST_F(MomDataTest, SecondNodeWithEqualUserSlotGoesAheadOfTheFirst)
 {
-    struct res_mom_node *a = add(0, 12, 2);
-    struct res_mom_node *b = add(0, 22, 2);
+    struct res_mom_node *a = add_node(0, 12, 2);
+    struct res_mom_node *b = add_node(0, 22, 2);
     EXPECT_EQ(nodes(), (std::vector<struct res_mom_node *>{&res_local_node, b, a}));
 }
 
 TEST_F(MomDataTest, NodeWithSmallestUserSlotStillFollowsLocal)
 {
-    struct res_mom_node *a = add(0, 12, 2);
-    struct res_mom_node *z = add(0, 10, 0);
+    struct res_mom_node *a = add_node(0, 12, 2);
+    struct res_mom_node *z = add_node(0, 10, 0);
     EXPECT_EQ(nodes(), (std::vector<struct res_mom_node *>{&res_local_node, z, a}));
 }
 
 TEST_F(MomDataTest, LookupByIndexComparesAllThreeValues)
 {
     log_capture log;
-    struct res_mom_node *a = add(1, 2, 7);
+    struct res_mom_node *a = add_node(1, 2, 7);
     const int32_t idx[3] = {1, 2, 0};
     const int32_t other_sub[3] = {1, 2, 1};
     EXPECT_EQ(res_mom_get_node_by_index2(idx), a);
@@ -112,7 +100,7 @@ TEST_F(MomDataTest, LookupByIndexComparesAllThreeValues)
 TEST_F(MomDataTest, ClearingTheLocalNodeLeavesTheListUnchanged)
 {
     log_capture log;
-    struct res_mom_node *a = add(0, 12, 2);
+    struct res_mom_node *a = add_node(0, 12, 2);
     const int32_t local[3] = {0, 1, 0};
     EXPECT_EQ(res_mom_clear_node_by_index(local), 0);
     EXPECT_TRUE(log.has("remove node[0,1,0] from list."));
@@ -121,7 +109,7 @@ TEST_F(MomDataTest, ClearingTheLocalNodeLeavesTheListUnchanged)
 
 TEST_F(MomDataTest, ClearingAnUnknownIndexReturnsZeroSilently)
 {
-    struct res_mom_node *a = add(0, 12, 2);
+    struct res_mom_node *a = add_node(0, 12, 2);
     log_capture log;
     const int32_t unknown[3] = {0, 99, 0};
     EXPECT_EQ(res_mom_clear_node_by_index(unknown), 0);
@@ -133,8 +121,8 @@ TEST_F(MomDataTest, ClearingAnUnknownIndexReturnsZeroSilently)
 TEST_F(MomDataTest, ClearingANodeFreesItWithItsLists)
 {
     log_capture log;
-    struct res_mom_node *a = add(0, 12, 2);
-    struct res_mom_node *b = add(0, 13, 3);
+    struct res_mom_node *a = add_node(0, 12, 2);
+    struct res_mom_node *b = add_node(0, 13, 3);
     ASSERT_NE(res_mom_get_disk_io_node_by_name(&a->disk_io_list, "sda", 3), nullptr);
     ASSERT_NE(res_mom_get_part_node_by_path(&a->part_list, "/data", 5), nullptr);
     ASSERT_NE(res_mom_get_lifetime_node_by_name(&a->lifetime_list, "mmcblk0", 7), nullptr);
@@ -252,7 +240,7 @@ TEST_F(MomDataTest, CopiesAreAppendedForDiskAndProcessEntries)
 
 TEST_F(MomDataTest, PartitionSaveUpdatesOrTakesTheEntry)
 {
-    struct res_mom_node *a = add(0, 12, 2);
+    struct res_mom_node *a = add_node(0, 12, 2);
     const int32_t idx[3] = {0, 12, 0};
     auto *e = static_cast<struct res_mom_part_node *>(calloc(1, sizeof(struct res_mom_part_node)));
     strcpy(e->part_path, "/data");

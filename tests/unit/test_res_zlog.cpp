@@ -1,5 +1,6 @@
 #include "misc/res_misc.h"
 #include "misc/res_zlog.h"
+#include "log_files_test.h"
 #include "test_loop.h"
 #include "qn_platform_config.h"
 #include "qn_zlog_standin.h"
@@ -127,46 +128,10 @@ TEST(DebugOff, OnlyTheAllOffKindTurnsTheLevelOff)
     res_dbg_level = saved;
 }
 
-/* Both channels into files, through the platform config. */
-class LogChannels : public ::testing::Test {
+/* Both channels into files, at debug level. */
+class LogChannels : public LogFilesTest {
   protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/stovig-log-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir = tmpl;
-        saved_level = res_dbg_level;
-        saved_handle = res_zlog_handle;
-        open_log("level = debug\n");
-    }
-    /* The category on this test's files, with more [log] keys. */
-    void open_log(const std::string &more)
-    {
-        std::ofstream(dir + "/cfg.ini") << "[log]\nfile = " << dir << "/zlog.log\nevents_file = " << dir
-                                       << "/events.log\nsyslog_file = " << dir << "/syslog.log\n"
-                                       << more;
-        setenv("STOVIG_CONFIG", (dir + "/cfg.ini").c_str(), 1);
-        qn_platform_config_reload();
-        ASSERT_EQ(0, res_zlog_init());
-    }
-    void TearDown() override
-    {
-        res_dbg_level = saved_level;
-        res_zlog_handle = saved_handle;
-        unsetenv("STOVIG_CONFIG");
-        qn_platform_config_reload();
-        std::system(("rm -rf " + dir).c_str());
-    }
-    std::string syslog_text() { return slurp(dir + "/syslog.log"); }
-    std::string zlog_text()
-    {
-        qn_zlog_flush(res_zlog_handle);
-        return slurp(dir + "/zlog.log");
-    }
-    std::string events_text() { return slurp(dir + "/events.log"); }
-    std::string dir;
-    uint32_t saved_level;
-    qn_zlog_category_t *saved_handle;
+    LogChannels() : LogFilesTest("level = debug\n") {}
 };
 
 TEST_F(LogChannels, LevelZeroSendsNothingToSyslogButEverythingToZlog)
