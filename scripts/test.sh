@@ -9,9 +9,10 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSTOVIG_SANITIZE=ON ${STOVIG_
 cmake --build build-asan -j"$(nproc)"
 # The taskstats, mount-namespace and planted-file tests need root: a user
 # runs the tests through sudo, as the quick start runs the daemon, and gets
-# the test tree back as their own afterwards.
+# the test tree back as their own afterwards; Python leaves no root-owned
+# bytecode in the user's source tree.
 AS_ROOT=""
-[ "$(id -u)" -eq 0 ] || ! command -v sudo >/dev/null 2>&1 || AS_ROOT=sudo
+[ "$(id -u)" -eq 0 ] || ! command -v sudo >/dev/null 2>&1 || AS_ROOT="sudo env PYTHONDONTWRITEBYTECODE=1"
 run_ctest() { # tree, ctest arguments...
   tree=$1
   shift
